@@ -1,0 +1,46 @@
+// Internal declarations shared by the kit core and the COM bridge.
+#pragma once
+
+#include "vexal.h"
+
+#include <cstdint>
+
+// Pointers appear in the trace log as the low 32 bits in "%x".
+#define VXL_PTR(p) ((unsigned)(uintptr_t)(p))
+
+// One printf-style message to the trace log named by VXLLOGNAME.
+void vxl_log(const char *format, ...) __attribute__((format(printf, 1, 2)));
+// Logs "vxl_fatal: <message>\n" and aborts: a broken runtime invariant.
+[[noreturn]] void vxl_fatal(const char *message);
+
+// The kit locks, in the order in which they may be nested.
+enum vxl_kitlock { VXL_FACTORY_LOCK, VXL_CACHE_LOCK, VXL_REGISTRY_LOCK, VXL_LOG_LOCK, VXL_KIT_LOCK_COUNT };
+void vxl_lock(vxl_kitlock lock);
+void vxl_unlock(vxl_kitlock lock);
+
+class vxl_lockguard {
+public:
+    explicit vxl_lockguard(vxl_kitlock lock) : lock_(lock) { vxl_lock(lock_); }
+    ~vxl_lockguard() { vxl_unlock(lock_); }
+    vxl_lockguard(const vxl_lockguard &) = delete;
+    vxl_lockguard &operator=(const vxl_lockguard &) = delete;
+
+private:
+    vxl_kitlock lock_;
+};
+
+// Null-safe exact comparison of names.
+inline bool vxl_sameName(const char *a, const char *b)
+{
+    if (!a || !b)
+        return a == b;
+    while (*a && *a == *b) {
+        ++a;
+        ++b;
+    }
+    return *a == *b;
+}
+
+// Definition registry lookups (registry lock taken inside).
+const vxl_componentdef *vxl_findcomponentdef(const char *name);
+const vxl_interfacedef *vxl_findinterfacedef(const char *name);

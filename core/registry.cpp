@@ -1,0 +1,312 @@
+// The definition registry: registrations of component libraries and the
+// definition cache derived from them.
+//
+// Registrations keep the caller's lists by pointer. The cache holds, per
+// kind and name, exactly one entry for every name some registration lists:
+// components point at the registrant's record, interfaces at a deep copy in
+// kit memory, so an interface outlives the library that first supplied it as
+// long as another registration lists it. Everything here runs under the
+// registry lock (recursive, so the lookups nest inside register/unregister).
+#include "kit.h"
+
+#include <cstdlib>
+
+namespace {
+
+struct Registration {
+    Registration *next;
+    char *libname;
+    const vxl_componentdef *const *components;
+    const vxl_interfacedef *const *interfaces;
+};
+
+enum EntryKind : int32_t { COMPONENT_ENTRY = 0, INTERFACE_ENTRY = 1 };
+
+struct CacheEntry {
+    CacheEntry *next;
+    char *name;
+    int32_t kind;
+    const void *def;
+};
+
+Registration *g_registrations = nullptr;
+CacheEntry *g_cache = nullptr;
+
+// ---- deep copies of interface definitions ----------------------------------
+// Copied arrays get one extra null entry after the last.
+
+void freeParam(vxl_paramdef *param)
+{
+    if (!param)
+        return;
+    free(const_cast<char *>(param->name));
+    free(const_cast<char *>(param->secondname));
+    free(param);
+}
+
+void freeMethod(vxl_methoddef *method)
+{
+    if (!method)
+        return;
+    if (method->params) {
+        for (int32_t k = 0; k < method->paramcount; ++k)
+            freeParam(const_cast<vxl_paramdef *>(method->params[k]));
+        free(const_cast<vxl_paramdef **>(method->params));
+    }
+    free(const_cast<char *>(method->name));
+    free(method);
+}
+
+void freeInterfaceCopy(vxl_interfacedef *def)
+{
+    if (!def)
+        return;
+    if (def->methods) {
+        for (int32_t j = 0; j < def->methodcount; ++j)
+            freeMethod(const_cast<vxl_methoddef *>(def->methods[j]));
+        free(const_cast<vxl_methoddef **>(def->methods));
+    }
+    free(const_cast<char *>(def->name));
+    free(def);
+}
+
+// A string copy that reports failure only when there was something to copy.
+bool copyString(const char *from, const char **to)
+{
+    *to = vxl_strdup(from);
+    return !from || *to;
+}
+
+// Arrays of count entries plus the null terminator, zeroed so that a copy
+// abandoned half-way frees cleanly.
+template <typename T> T **newPointerArray(int32_t count)
+{
+    if (count < 0)
+        count = 0;
+    return static_cast<T **>(calloc(static_cast<size_t>(count) + 1, sizeof(T *)));
+}
+
+vxl_paramdef *copyParam(const vxl_paramdef *from)
+{
+    auto *to = static_cast<vxl_paramdef *>(calloc(1, sizeof(vxl_paramdef)));
+    if (!to)
+        return nullptr;
+    to->type = from->type;
+    to->direction = from->direction;
+    to->array = from->array;
+    if (!copyString(from->name, &to->name) || !copyString(from->secondname, &to->secondname)) {
+        freeParam(to);
+        return nullptr;
+    }
+    return to;
+}
+
+vxl_methoddef *copyMethod(const vxl_methoddef *from)
+{
+    auto *to = static_cast<vxl_methoddef *>(calloc(1, sizeof(vxl_methoddef)));
+    if (!to)
+        return nullptr;
+    to->paramcount = from->paramcount;
+    vxl_paramdef **params = newPointerArray<vxl_paramdef>(from->paramcount);
+    to->params = params;
+    bool ok = params && copyString(from->name, &to->name);
+    for (int32_t k = 0; ok && k < from->paramcount; ++k)
+        ok = (params[k] = copyParam(from->params[k])) != nullptr;
+    if (!ok) {
+        freeMethod(to);
+        return nullptr;
+    }
+    return to;
+}
+
+vxl_interfacedef *copyInterface(const vxl_interfacedef *from)
+{
+    auto *to = static_cast<vxl_interfacedef *>(calloc(1, sizeof(vxl_interfacedef)));
+    if (!to)
+        return nullptr;
+    to->methodcount = from->methodcount;
+    vxl_methoddef **methods = newPointerArray<vxl_methoddef>(from->methodcount);
+    to->methods = methods;
+    bool ok = methods && copyString(from->name, &to->name);
+    for (int32_t j = 0; ok && j < from->methodcount; ++j)
+        ok = (methods[j] = copyMethod(from->methods[j])) != nullptr;
+    if (!ok) {
+        freeInterfaceCopy(to);
+        return nullptr;
+    }
+    return to;
+}
+
+// A cached second name constrains; a new one alone does not.
+bool secondNamesMatch(const char *cached, const char *fresh)
+{
+    return !cached || (fresh && vxl_sameName(cached, fresh));
+}
+
+bool sameInterface(const vxl_interfacedef *cached, const vxl_interfacedef *fresh)
+{
+    if (!vxl_sameName(cached->name, fresh->name) || cached->methodcount != fresh->methodcount)
+        return false;
+    for (int32_t j = 0; j < cached->methodcount; ++j) {
+        const vxl_methoddef *a = cached->methods[j];
+        const vxl_methoddef *b = fresh->methods[j];
+        if (!vxl_sameName(a->name, b->name) || a->paramcount != b->paramcount)
+            return false;
+        for (int32_t k = 0; k < a->paramcount; ++k) {
+            const vxl_paramdef *p = a->params[k];
+            const vxl_paramdef *q = b->params[k];
+            if (!vxl_sameName(p->name, q->name) || p->type != q->type || p->direction != q->direction ||
+                p->array != q->array || !secondNamesMatch(p->secondname, q->secondname))
+                return false;
+        }
+    }
+    return true;
+}
+
+// ---- the cache ----------------------------------------------------------------
+
+const void *findEntry(int32_t kind, const char *name)
+{
+    vxl_lockguard guard(VXL_REGISTRY_LOCK);
+    for (CacheEntry *entry = g_cache; entry; entry = entry->next)
+        if (entry->kind == kind && vxl_sameName(entry->name, name))
+            return entry->def;
+    return nullptr;
+}
+
+void addEntry(int32_t kind, const char *name, const void *def)
+{
+    auto *entry = static_cast<CacheEntry *>(malloc(sizeof(CacheEntry)));
+    char *namecopy = vxl_strdup(name);
+    if (!entry || !namecopy || !def) {
+        free(entry);
+        free(namecopy);
+        if (kind == INTERFACE_ENTRY)
+            freeInterfaceCopy(static_cast<vxl_interfacedef *>(const_cast<void *>(def)));
+        return;
+    }
+    *entry = CacheEntry{g_cache, namecopy, kind, def};
+    g_cache = entry;
+}
+
+bool anyRegistrationLists(int32_t kind, const char *name)
+{
+    for (Registration *reg = g_registrations; reg; reg = reg->next) {
+        if (kind == COMPONENT_ENTRY) {
+            for (const vxl_componentdef *const *c = reg->components; *c; ++c)
+                if (vxl_sameName((*c)->name, name))
+                    return true;
+        } else {
+            for (const vxl_interfacedef *const *i = reg->interfaces; *i; ++i)
+                if (vxl_sameName((*i)->name, name))
+                    return true;
+        }
+    }
+    return false;
+}
+
+void rebuildCache()
+{
+    for (Registration *reg = g_registrations; reg; reg = reg->next) {
+        for (const vxl_componentdef *const *c = reg->components; *c; ++c)
+            if (!findEntry(COMPONENT_ENTRY, (*c)->name))
+                addEntry(COMPONENT_ENTRY, (*c)->name, *c);
+        for (const vxl_interfacedef *const *i = reg->interfaces; *i; ++i)
+            if (!findEntry(INTERFACE_ENTRY, (*i)->name))
+                addEntry(INTERFACE_ENTRY, (*i)->name, copyInterface(*i));
+    }
+    for (CacheEntry **link = &g_cache; *link;) {
+        CacheEntry *entry = *link;
+        if (anyRegistrationLists(entry->kind, entry->name)) {
+            link = &entry->next;
+            continue;
+        }
+        *link = entry->next;
+        if (entry->kind == INTERFACE_ENTRY)
+            freeInterfaceCopy(static_cast<vxl_interfacedef *>(const_cast<void *>(entry->def)));
+        free(entry->name);
+        free(entry);
+    }
+}
+
+// Lists the kit can never use are refused before anything changes: every
+// name is compared later, and a class needs one to six interfaces.
+bool listsAreSound(const char *libname, const vxl_componentdef *const *components,
+                   const vxl_interfacedef *const *interfaces)
+{
+    if (!libname || !components || !interfaces)
+        return false;
+    for (const vxl_componentdef *const *c = components; *c; ++c)
+        if (!(*c)->name || (*c)->ifcount < 1 || (*c)->ifcount > 6)
+            return false;
+    for (const vxl_interfacedef *const *i = interfaces; *i; ++i)
+        if (!(*i)->name)
+            return false;
+    return true;
+}
+
+} // namespace
+
+const vxl_componentdef *vxl_findcomponentdef(const char *name)
+{
+    return static_cast<const vxl_componentdef *>(findEntry(COMPONENT_ENTRY, name));
+}
+
+const vxl_interfacedef *vxl_findinterfacedef(const char *name)
+{
+    return static_cast<const vxl_interfacedef *>(findEntry(INTERFACE_ENTRY, name));
+}
+
+int32_t vxl_register(const char *libname, const vxl_componentdef *const *components,
+                     const vxl_interfacedef *const *interfaces)
+{
+    vxl_lockguard guard(VXL_REGISTRY_LOCK);
+    if (!listsAreSound(libname, components, interfaces))
+        return VXL_EFAIL;
+    for (const vxl_componentdef *const *c = components; *c; ++c)
+        if (vxl_findcomponentdef((*c)->name))
+            return VXL_EFAIL;
+    for (const vxl_interfacedef *const *i = interfaces; *i; ++i) {
+        const vxl_interfacedef *cached = vxl_findinterfacedef((*i)->name);
+        if (cached && !sameInterface(cached, *i))
+            return VXL_EFAIL;
+    }
+    auto *reg = static_cast<Registration *>(malloc(sizeof(Registration)));
+    char *namecopy = vxl_strdup(libname);
+    if (!reg || !namecopy) {
+        free(reg);
+        free(namecopy);
+        return VXL_ENOMEM;
+    }
+    *reg = Registration{g_registrations, namecopy, components, interfaces};
+    g_registrations = reg;
+    rebuildCache();
+    return VXL_OK;
+}
+
+int32_t vxl_unregister(const vxl_componentdef *const *components, const vxl_interfacedef *const *interfaces)
+{
+    vxl_log("vxl_unregister:\n");
+    vxl_lockguard guard(VXL_REGISTRY_LOCK);
+    for (Registration **link = &g_registrations; *link; link = &(*link)->next) {
+        Registration *reg = *link;
+        if (reg->components != components || reg->interfaces != interfaces)
+            continue;
+        *link = reg->next;
+        free(reg->libname);
+        free(reg);
+        rebuildCache();
+        return VXL_OK;
+    }
+    return VXL_EFAIL;
+}
+
+const vxl_methoddef *vxl_getmethod(const vxl_interfacedef *def, const char *name)
+{
+    if (!def || !name)
+        return nullptr;
+    for (int32_t j = 0; j < def->methodcount; ++j)
+        if (vxl_sameName(def->methods[j]->name, name))
+            return def->methods[j];
+    return nullptr;
+}

@@ -1,0 +1,198 @@
+/*
+ * vexal: component runtime for 64-bit Windows.
+ *
+ * The one public header, for C (C11) and C++ (C++17). Component libraries
+ * build the definition tables below statically and hand them to the runtime;
+ * field order and widths are part of the binary contract.
+ */
+#ifndef VEXAL_H
+#define VEXAL_H
+
+#include <stdint.h>
+#include <objbase.h>
+#include <oleauto.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#ifdef VEXAL_BUILDING_DLL
+#define VXL_API __declspec(dllexport)
+#else
+#define VXL_API __declspec(dllimport)
+#endif
+
+/* ---- Kit status codes ------------------------------------------------- */
+/* Negative statuses are defined by components and pass through unchanged. */
+#define VXL_OK 0
+#define VXL_EFAIL 1
+#define VXL_ENOINTERFACE 2
+#define VXL_ENOMEM 3
+#define VXL_ECLASSNOTREG 5
+
+/* Parameter codes of vxl_paramdef. */
+#define VXL_TYPE_INT 0
+#define VXL_TYPE_FLOAT 1
+#define VXL_TYPE_DOUBLE 2
+#define VXL_TYPE_STRING 3
+#define VXL_TYPE_INTERFACE 4
+#define VXL_DIR_IN 0
+#define VXL_DIR_OUT 1
+#define VXL_DIR_INOUT 2
+
+/* ---- Kit interface pointers ------------------------------------------ */
+/*
+ * A kit interface pointer points to a cell holding the slot-table pointer,
+ * the shape of a COM interface pointer. Slots 0..3 are the generic slots;
+ * slot 4 + j forwards to method j of the interface definition.
+ */
+typedef struct vxl_ifcell *vxl_if;
+
+typedef struct vxl_ifslots {
+    int32_t (*getinterface)(vxl_if self, const char *name, vxl_if *out);
+    int32_t (*getname)(vxl_if self, const char **out);
+    int32_t (*incref)(vxl_if self);
+    int32_t (*decref)(vxl_if self);
+} vxl_ifslots;
+
+struct vxl_ifcell {
+    const vxl_ifslots *slots;
+};
+
+/* Slot k of a kit interface as an untyped function pointer. */
+#define VXL_SLOT(pif, k) (((void *const *)(pif)->slots)[(k)])
+/* Method j of a kit interface, cast to the caller's function type. */
+#define VXL_METHOD(pif, j, fntype) ((fntype)VXL_SLOT(pif, 4 + (j)))
+
+/* Any component function; method tables hold these, cast back by callers. */
+typedef void (*vxl_fn)(void);
+
+/* ---- Definition records ---------------------------------------------- */
+typedef struct vxl_paramdef {
+    const char *name;
+    int32_t type;       /* VXL_TYPE_* */
+    int32_t direction;  /* VXL_DIR_* */
+    int32_t array;      /* 0 single value; else kit array, ~k names the count parameter */
+    const char *secondname;
+} vxl_paramdef;
+
+typedef struct vxl_methoddef {
+    const char *name;
+    int32_t paramcount;
+    const vxl_paramdef *const *params;
+} vxl_methoddef;
+
+typedef struct vxl_interfacedef {
+    const char *name;
+    int32_t methodcount;
+    const vxl_methoddef *const *methods;
+} vxl_interfacedef;
+
+typedef struct vxl_componentinterface {
+    const vxl_interfacedef *def;
+    const vxl_fn *methods; /* one per method of def, in its order */
+} vxl_componentinterface;
+
+typedef int32_t (*vxl_createfn)(void **implslot, vxl_if primary);
+typedef int32_t (*vxl_destroyfn)(void *impl, vxl_if primary);
+typedef int32_t (*vxl_getinterfacefn)(void *impl, const char *name, vxl_if *out, vxl_if primary);
+
+typedef struct vxl_componentdef {
+    const char *name;
+    int32_t ifcount; /* 1..6 */
+    const vxl_componentinterface *const *interfaces;
+    vxl_createfn create;
+    vxl_destroyfn destroy;
+    vxl_getinterfacefn getinterface; /* may be null */
+} vxl_componentdef;
+
+typedef struct vxl_classfactory vxl_classfactory;
+
+/* ---- COM-side records ------------------------------------------------ */
+/* Builds a COM wrapper for a kit interface; leaves *result null on failure. */
+typedef int32_t (*vxl_wrapmaker)(vxl_if pif, IUnknown **result);
+typedef HRESULT (*vxl_getdispinterfacefn)(IUnknown *object, IDispatch **result);
+
+typedef struct vxl_comlibinfo {
+    const char *modulename;
+    GUID libid;
+} vxl_comlibinfo;
+
+typedef struct vxl_comcomponentinfo {
+    const char *name;
+    GUID clsid; /* GUID_NULL: not a COM class */
+} vxl_comcomponentinfo;
+
+typedef struct vxl_comifinfo {
+    const char *name;
+    GUID iid_com;
+    GUID iid_comS;
+    GUID iid_comP;
+    GUID iid_CP;
+    GUID clsid_CP;
+    vxl_wrapmaker wrap_com;
+    vxl_wrapmaker wrap_comS;
+    vxl_wrapmaker wrap_comP;
+    vxl_getdispinterfacefn getdispinterface;
+} vxl_comifinfo;
+
+/* ---- Runtime services ------------------------------------------------ */
+VXL_API int32_t vxl_init(void);
+VXL_API void *vxl_malloc(int32_t size);
+VXL_API void vxl_free(void *block);
+VXL_API void *vxl_realloc(void *block, int32_t size);
+VXL_API char *vxl_strdup(const char *string);
+
+/* ---- Definitions ----------------------------------------------------- */
+VXL_API int32_t vxl_register(const char *libname, const vxl_componentdef *const *components,
+                             const vxl_interfacedef *const *interfaces);
+VXL_API int32_t vxl_unregister(const vxl_componentdef *const *components,
+                               const vxl_interfacedef *const *interfaces);
+VXL_API const vxl_methoddef *vxl_getmethod(const vxl_interfacedef *def, const char *name);
+
+/* ---- Objects and class factories ------------------------------------- */
+VXL_API int32_t vxl_decref(vxl_if pif);
+VXL_API int32_t vxl_createclassfactory(vxl_classfactory **out, const char *classname);
+VXL_API int32_t vxl_destroyclassfactory(vxl_classfactory *factory);
+VXL_API int32_t vxl_getinstancefromcf(vxl_classfactory *factory, const char *ifname, vxl_if *out);
+VXL_API int32_t vxl_encapsulatefromcf(vxl_classfactory *factory, const char *ifname, void *impl,
+                                      vxl_if *out);
+VXL_API int32_t vxl_createinstance(const char *classname, const char *ifname, vxl_if *out);
+VXL_API int32_t vxl_encapsulate(const char *classname, const char *ifname, void *impl, vxl_if *out);
+VXL_API int32_t vxl_inuse(const vxl_componentdef *const *components);
+VXL_API int32_t vxl_loaddynamiclibrary(const char *filename);
+
+/* ---- Strings, BSTRs and status mapping ------------------------------- */
+VXL_API BSTR vxl_com_str2bstr(const char *string);
+VXL_API char *vxl_com_bstr2str(BSTR bstr);
+VXL_API void vxl_com_freebstr(BSTR bstr);
+VXL_API char *vxl_com_strdup(const char *string);
+VXL_API void vxl_com_free(void *block);
+VXL_API int32_t vxl_com_release(IUnknown *punk);
+VXL_API int32_t vxl_com_hret2err(HRESULT hr);
+VXL_API HRESULT vxl_com_err2hret(int32_t status);
+
+/* ---- Interface wrapping ---------------------------------------------- */
+VXL_API int32_t vxl_wrap(vxl_if pif, const char *ifname, const char *wtype, IUnknown **result);
+VXL_API IUnknown *vxl_wrapptr(vxl_if pif, const char *ifname, const char *wtype);
+VXL_API HRESULT vxl_com_wrapperqueryinterface(REFIID iid, void **result, IUnknown *wrapper, vxl_if pif);
+VXL_API void vxl_com_releasewrapper(IUnknown *wrapper, vxl_if pif);
+VXL_API int32_t vxl_unwrap(IUnknown *pcom, const char *ifname, const char *wtype, vxl_if *result);
+VXL_API vxl_if vxl_unwrapptr(IUnknown *pcom, const char *ifname, const char *wtype);
+/* Getinterface and destroy callbacks of kit proxy classes. */
+VXL_API int32_t vxl_com_wrappergetinterface(void *pcomif, const char *name, vxl_if *result, vxl_if pif);
+VXL_API int32_t vxl_com_wrapperdestructor(void *pcomif, vxl_if pif);
+
+/* ---- COM registration ------------------------------------------------ */
+VXL_API int32_t vxl_com_init(void);
+VXL_API int32_t vxl_com_uninit(void);
+VXL_API int32_t vxl_com_register(const vxl_comlibinfo *library, const vxl_comcomponentinfo *const *components,
+                                 const vxl_comifinfo *const *interfaces);
+VXL_API int32_t vxl_com_unregister(const vxl_comlibinfo *library, const vxl_comcomponentinfo *const *components,
+                                   const vxl_comifinfo *const *interfaces);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* VEXAL_H */

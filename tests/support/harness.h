@@ -1,0 +1,51 @@
+// Test harness shared by every test program: the trace log of this process,
+// child processes for per-process behaviour, and small file helpers.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace vxltest {
+
+// Path of the trace log this test process writes (set up before any test).
+const std::string &logPath();
+
+// Whole contents of a file, or "" when it cannot be read.
+std::string readFile(const std::string &path);
+// A trace log as its messages were written: the log is a text-mode stream,
+// which the C runtime stores with CR LF line ends.
+std::string readLog(const std::string &path);
+bool fileExists(const std::string &path);
+// A fresh path in the test scratch folder; the file is removed if present.
+std::string scratchPath(const std::string &name);
+
+// The bytes the trace log gains from construction on.
+class LogTail {
+public:
+    LogTail();
+    std::string text() const;
+
+private:
+    size_t start_;
+};
+
+// Runs this program again as a child that executes the child function of
+// that name (see VXL_CHILD) and returns its exit code. logname is what the
+// child sees in VXLLOGNAME; null leaves the variable unset.
+int runChild(const char *name, const char *logname);
+
+using ChildFn = int (*)();
+struct ChildRegistrar {
+    ChildRegistrar(const char *name, ChildFn fn);
+};
+
+// Folder holding this test program (and the DLLs built with it).
+std::string programDir();
+
+} // namespace vxltest
+
+// Defines a function that runs as a child process: its result is the exit code.
+#define VXL_CHILD(name)                                                                            \
+    static int vxlchild_##name();                                                                  \
+    static vxltest::ChildRegistrar vxlchildreg_##name(#name, vxlchild_##name);                     \
+    static int vxlchild_##name()
