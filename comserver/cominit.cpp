@@ -1,5 +1,5 @@
 // COM initialisation of the calling thread, apartment-threaded.
-#include "core/kit.h"
+#include "comserver/comserver.h"
 
 #include <objbase.h>
 

@@ -44,3 +44,19 @@ inline bool vxl_sameName(const char *a, const char *b)
 // Definition registry lookups (registry lock taken inside).
 const vxl_componentdef *vxl_findcomponentdef(const char *name);
 const vxl_interfacedef *vxl_findinterfacedef(const char *name);
+
+// ---- objects and class factories (objects, factories, stubs) ----------------
+// Makes an object of the factory's class with count 1; returns its primary
+// interface and hands back the address of its core (first cell: the
+// implementation slot). Null when the block cannot be allocated.
+vxl_if vxl_newobject(vxl_classfactory *factory, void ***core);
+// The cached definition of the interface a null-name getinterface yields.
+const vxl_interfacedef *vxl_getinterfacedef(vxl_if pif);
+// The cached factory of a class; create 1 builds it if needed and takes a use.
+vxl_classfactory *vxl_findclassfactory(const char *name, int32_t create);
+
+// ---- calls into COM instance creation ----------------------------------------
+// Makes the library serving a class name load itself; no result.
+void vxl_com_loadcomponent(const char *classname);
+// Creates the COM object registered for a ProgID behind a kit proxy.
+int32_t vxl_com_createinstance(const char *classname, const char *ifname, vxl_if *out);
