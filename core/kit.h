@@ -60,3 +60,9 @@ vxl_classfactory *vxl_findclassfactory(const char *name, int32_t create);
 void vxl_com_loadcomponent(const char *classname);
 // Creates the COM object registered for a ProgID behind a kit proxy.
 int32_t vxl_com_createinstance(const char *classname, const char *ifname, vxl_if *out);
+
+// ---- library loading ---------------------------------------------------------
+// Text of the current error into buffer (size bytes): the system's message
+// for GetLastError() without its final ".\r\n", else strerror(errno), else
+// empty. Returns the text's length.
+int32_t vxl_errortext(char *buffer, int32_t size);
