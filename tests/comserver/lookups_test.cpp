@@ -1,0 +1,473 @@
+// White box: the COM registrations' lookups (merging of interface records,
+// walk order, GUID_NULL as a key, exact names), the registration record and
+// its caches, and the COM lock set.
+#include "comserver/comserver.h"
+#include "harness.h"
+
+#include <gtest/gtest.h>
+#include <windows.h>
+
+#include <atomic>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+using vxltest::LogTail;
+
+namespace {
+
+GUID guid(uint32_t n)
+{
+    return GUID{0x5eed0000u + n, 0x2222, 0x4333, {0x84, 0x44, 0x55, 0x55, 0x66, 0x66, 0x77, 0x77}};
+}
+
+bool same(const GUID &a, const GUID &b)
+{
+    return memcmp(&a, &b, sizeof a) == 0;
+}
+
+// Distinct bodies keep the linker from folding them into one address.
+int32_t wrapA(vxl_if, IUnknown **) { return 101; }
+int32_t wrapB(vxl_if, IUnknown **) { return 102; }
+int32_t wrapC(vxl_if, IUnknown **) { return 103; }
+HRESULT dispA(IUnknown *, IDispatch **) { return 201; }
+HRESULT dispB(IUnknown *, IDispatch **) { return 202; }
+
+vxl_comifinfo ifinfo(const char *name)
+{
+    vxl_comifinfo info;
+    memset(&info, 0, sizeof info);
+    info.name = name;
+    return info;
+}
+
+void poison(vxl_comifinfo *out)
+{
+    memset(out, 0xde, sizeof *out);
+}
+
+void expectCleared(const vxl_comifinfo &out)
+{
+    vxl_comifinfo zero;
+    memset(&zero, 0, sizeof zero);
+    EXPECT_EQ(0, memcmp(&zero, &out, sizeof out));
+}
+
+// One vxl_com_register for the life of a test; unregistered at its end.
+class Registration {
+public:
+    Registration(const vxl_comlibinfo *lib, const vxl_comcomponentinfo *const *comps,
+                 const vxl_comifinfo *const *ifs)
+        : lib_(lib), comps_(comps), ifs_(ifs)
+    {
+        EXPECT_EQ(0, vxl_com_register(lib, comps, ifs));
+    }
+    ~Registration()
+    {
+        if (active_) {
+            EXPECT_EQ(0, vxl_com_unregister(lib_, comps_, ifs_));
+        }
+    }
+    void forget() { active_ = false; }
+
+private:
+    const vxl_comlibinfo *lib_;
+    const vxl_comcomponentinfo *const *comps_;
+    const vxl_comifinfo *const *ifs_;
+    bool active_ = true;
+};
+
+const vxl_comcomponentinfo *const kNoComps[] = {nullptr};
+const vxl_comifinfo *const kNoIfs[] = {nullptr};
+
+// Counts the Release calls the registration makes on cached type information.
+struct FakeRef {
+    const void *const *vtbl;
+    int releases;
+};
+HRESULT STDMETHODCALLTYPE fakeQueryInterface(FakeRef *, REFIID, void **out)
+{
+    *out = nullptr;
+    return E_NOINTERFACE;
+}
+ULONG STDMETHODCALLTYPE fakeAddRef(FakeRef *) { return 2; }
+ULONG STDMETHODCALLTYPE fakeRelease(FakeRef *self) { return static_cast<ULONG>(++self->releases) * 0 + 1; }
+const void *const kFakeVtbl[] = {reinterpret_cast<const void *>(fakeQueryInterface),
+                                 reinterpret_cast<const void *>(fakeAddRef),
+                                 reinterpret_cast<const void *>(fakeRelease)};
+
+} // namespace
+
+// ---- merging by name -------------------------------------------------------------
+
+TEST(ComLookups, TwoRegistrationsOfOneInterfaceMergeFieldByField)
+{
+    static const char oldName[] = "IMergeTest", newName[] = "IMergeTest"; // equal text, two pointers
+    static vxl_comifinfo older = ifinfo(oldName), newer = ifinfo(newName);
+    older.iid_com = guid(1);  // set in both: the older registration's value wins
+    older.iid_comS = guid(2); // only in the older one
+    older.wrap_com = wrapA;
+    older.getdispinterface = dispA;
+    newer.iid_com = guid(3);
+    newer.iid_comP = guid(4); // only in the newer one
+    newer.iid_CP = guid(5);
+    newer.wrap_com = wrapB;
+    newer.wrap_comS = wrapC;
+    newer.getdispinterface = dispB;
+    static const vxl_comifinfo *const olderIfs[] = {&older, nullptr};
+    static const vxl_comifinfo *const newerIfs[] = {&newer, nullptr};
+    static const vxl_comlibinfo lib = {"merge.dll", {}};
+    Registration first(&lib, kNoComps, olderIfs);
+    Registration second(&lib, kNoComps, newerIfs);
+
+    vxl_comifinfo out;
+    poison(&out);
+    ASSERT_EQ(0, vxl_com_getifinfo("IMergeTest", &out));
+    EXPECT_EQ(oldName, out.name); // the last entry walked: the oldest
+    EXPECT_TRUE(same(guid(1), out.iid_com));
+    EXPECT_TRUE(same(guid(2), out.iid_comS));
+    EXPECT_TRUE(same(guid(4), out.iid_comP));
+    EXPECT_TRUE(same(guid(5), out.iid_CP));
+    EXPECT_TRUE(same(GUID_NULL, out.clsid_CP)); // nobody set it: cleared, not left over
+    EXPECT_EQ(wrapA, out.wrap_com);
+    EXPECT_EQ(wrapC, out.wrap_comS);
+    EXPECT_EQ(nullptr, out.wrap_comP);
+    EXPECT_EQ(dispA, out.getdispinterface);
+
+    const char *wtype = reinterpret_cast<const char *>(0xdeadbeef);
+    poison(&out);
+    ASSERT_EQ(0, vxl_com_getifinfobyiid(guid(4), &wtype, &out));
+    EXPECT_STREQ("comP", wtype);
+    EXPECT_TRUE(same(guid(1), out.iid_com)); // the merged record, not the bare entry
+    EXPECT_EQ(wrapA, out.wrap_com);
+}
+
+TEST(ComLookups, WithinOneRegistrationTheLaterEntryWins)
+{
+    static vxl_comifinfo a = ifinfo("ITwiceInOne"), b = ifinfo("ITwiceInOne");
+    a.iid_com = guid(10);
+    a.wrap_comP = wrapA;
+    b.iid_com = guid(11);
+    static const vxl_comifinfo *const ifs[] = {&a, &b, nullptr};
+    static const vxl_comlibinfo lib = {"twice.dll", {}};
+    Registration reg(&lib, kNoComps, ifs);
+
+    vxl_comifinfo out;
+    poison(&out);
+    ASSERT_EQ(0, vxl_com_getifinfo("ITwiceInOne", &out));
+    EXPECT_EQ(b.name, out.name);
+    EXPECT_TRUE(same(guid(11), out.iid_com));
+    EXPECT_EQ(wrapA, out.wrap_comP);
+}
+
+TEST(ComLookups, ByIidTheNewerRegistrationsEntryAnswers)
+{
+    // Two interfaces of different names both claim guid(20).
+    static vxl_comifinfo older = ifinfo("IOldClaim"), newer = ifinfo("INewClaim");
+    older.iid_com = guid(20);
+    older.wrap_com = wrapA;
+    newer.iid_comS = guid(20);
+    newer.wrap_comS = wrapB;
+    static const vxl_comifinfo *const olderIfs[] = {&older, nullptr};
+    static const vxl_comifinfo *const newerIfs[] = {&newer, nullptr};
+    static const vxl_comlibinfo lib = {"claim.dll", {}};
+    Registration first(&lib, kNoComps, olderIfs);
+    Registration second(&lib, kNoComps, newerIfs);
+
+    const char *wtype = nullptr;
+    vxl_comifinfo out;
+    poison(&out);
+    ASSERT_EQ(0, vxl_com_getifinfobyiid(guid(20), &wtype, &out));
+    EXPECT_STREQ("comS", wtype);
+    EXPECT_STREQ("INewClaim", out.name);
+    EXPECT_EQ(wrapB, out.wrap_comS);
+    EXPECT_EQ(nullptr, out.wrap_com); // IOldClaim's fields are not merged in
+}
+
+TEST(ComLookups, ByIidComparesComThenComSThenComP)
+{
+    static vxl_comifinfo a = ifinfo("IOrderA"), b = ifinfo("IOrderB");
+    a.iid_comP = guid(30);
+    a.iid_comS = guid(30);
+    a.iid_com = guid(30);
+    b.iid_comP = guid(31);
+    b.iid_comS = guid(31);
+    static const vxl_comifinfo *const ifs[] = {&a, &b, nullptr};
+    static const vxl_comlibinfo lib = {"order.dll", {}};
+    Registration reg(&lib, kNoComps, ifs);
+
+    struct Case {
+        uint32_t iid;
+        const char *name;
+        const char *wtype;
+    } cases[] = {{30, "IOrderA", "com"}, {31, "IOrderB", "comS"}};
+    for (const Case &c : cases) {
+        const char *wtype = nullptr;
+        vxl_comifinfo out;
+        poison(&out);
+        ASSERT_EQ(0, vxl_com_getifinfobyiid(guid(c.iid), &wtype, &out));
+        EXPECT_STREQ(c.wtype, wtype);
+        EXPECT_STREQ(c.name, out.name);
+    }
+}
+
+TEST(ComLookups, UnknownKeysAnswerOneWithClearedOutputs)
+{
+    static vxl_comifinfo a = ifinfo("IKnown");
+    a.iid_com = guid(40);
+    a.iid_comS = guid(41);
+    a.iid_comP = guid(42);
+    static const vxl_comifinfo *const ifs[] = {&a, nullptr};
+    static const vxl_comlibinfo lib = {"known.dll", {}};
+    Registration reg(&lib, kNoComps, ifs);
+
+    LogTail tail;
+    vxl_comifinfo out;
+    poison(&out);
+    EXPECT_EQ(1, vxl_com_getifinfo("IUnknownToUs", &out));
+    expectCleared(out);
+    poison(&out);
+    EXPECT_EQ(1, vxl_com_getifinfo(nullptr, &out));
+    expectCleared(out);
+    EXPECT_EQ(1, vxl_com_getifinfo("IKnown", nullptr));
+
+    const char *wtype = reinterpret_cast<const char *>(0xdeadbeef);
+    poison(&out);
+    EXPECT_EQ(1, vxl_com_getifinfobyiid(guid(43), &wtype, &out));
+    EXPECT_EQ(nullptr, wtype);
+    expectCleared(out);
+    EXPECT_EQ(1, vxl_com_getifinfobyiid(guid(40), &wtype, nullptr));
+    poison(&out);
+    EXPECT_EQ(0, vxl_com_getifinfobyiid(guid(41), nullptr, &out)); // the type is optional
+    EXPECT_STREQ("IKnown", out.name);
+
+    EXPECT_EQ(nullptr, vxl_com_findcomponent(nullptr));
+    EXPECT_EQ(nullptr, vxl_com_findcomponent("NoSuchComponent"));
+    EXPECT_EQ(nullptr, vxl_com_findcomponentbyclsid(guid(49)));
+    EXPECT_EQ("", tail.text()); // lookups trace nothing
+}
+
+// ---- GUID_NULL, CLSIDs and names -----------------------------------------------
+
+TEST(ComLookups, GuidNullMatchesTheFirstUnsetField)
+{
+    static vxl_comifinfo full = ifinfo("IAllSet"), partial = ifinfo("INoComS");
+    full.iid_com = guid(50);
+    full.iid_comS = guid(51);
+    full.iid_comP = guid(52);
+    partial.iid_com = guid(53);
+    partial.iid_comP = guid(54);
+    static const vxl_comifinfo *const ifs[] = {&full, &partial, nullptr};
+    static const vxl_comcomponentinfo com = {"ComClass", guid(55)}, plain = {"KitOnly", GUID_NULL};
+    static const vxl_comcomponentinfo *const comps[] = {&com, &plain, nullptr};
+    static const vxl_comlibinfo lib = {"null.dll", {}};
+    Registration reg(&lib, comps, ifs);
+
+    const char *wtype = nullptr;
+    vxl_comifinfo out;
+    poison(&out);
+    ASSERT_EQ(0, vxl_com_getifinfobyiid(GUID_NULL, &wtype, &out));
+    EXPECT_STREQ("comS", wtype);
+    EXPECT_STREQ("INoComS", out.name);
+    EXPECT_TRUE(same(GUID_NULL, out.iid_comS));
+    // CLSIDs are compared as bytes too: GUID_NULL finds the non-COM component.
+    EXPECT_EQ(&plain, vxl_com_findcomponentbyclsid(GUID_NULL));
+    EXPECT_EQ(&com, vxl_com_findcomponentbyclsid(guid(55)));
+}
+
+TEST(ComLookups, SameClsidOrNameInTwoRegistrationsFindsTheNewer)
+{
+    static const vxl_comcomponentinfo older = {"Shared", guid(60)}, newer = {"Shared", guid(60)};
+    static const vxl_comcomponentinfo *const olderComps[] = {&older, nullptr};
+    static const vxl_comcomponentinfo *const newerComps[] = {&newer, nullptr};
+    static const vxl_comlibinfo lib = {"shared.dll", {}};
+    Registration first(&lib, olderComps, kNoIfs);
+    {
+        Registration second(&lib, newerComps, kNoIfs);
+        EXPECT_EQ(&newer, vxl_com_findcomponentbyclsid(guid(60)));
+        EXPECT_EQ(&newer, vxl_com_findcomponent("Shared"));
+    }
+    EXPECT_EQ(&older, vxl_com_findcomponentbyclsid(guid(60)));
+    EXPECT_EQ(&older, vxl_com_findcomponent("Shared"));
+}
+
+TEST(ComLookups, NamesDifferingInCaseAreDifferent)
+{
+    static vxl_comifinfo upper = ifinfo("ICaseTest"), lower = ifinfo("icasetest");
+    upper.iid_com = guid(70);
+    lower.iid_comS = guid(71);
+    static const vxl_comifinfo *const ifs[] = {&upper, &lower, nullptr};
+    static const vxl_comcomponentinfo cu = {"CaseComp", guid(72)}, cl = {"casecomp", guid(73)};
+    static const vxl_comcomponentinfo *const comps[] = {&cu, &cl, nullptr};
+    static const vxl_comlibinfo lib = {"case.dll", {}};
+    Registration reg(&lib, comps, ifs);
+
+    vxl_comifinfo out;
+    poison(&out);
+    ASSERT_EQ(0, vxl_com_getifinfo("icasetest", &out));
+    EXPECT_EQ(lower.name, out.name);
+    EXPECT_TRUE(same(GUID_NULL, out.iid_com));
+    EXPECT_TRUE(same(guid(71), out.iid_comS));
+    EXPECT_EQ(1, vxl_com_getifinfo("ICASETEST", &out));
+    EXPECT_EQ(1, vxl_com_getifinfo("ICaseTes", &out));
+    EXPECT_EQ(1, vxl_com_getifinfo("ICaseTestX", &out));
+    EXPECT_EQ(&cl, vxl_com_findcomponent("casecomp"));
+    EXPECT_EQ(&cu, vxl_com_findcomponent("CaseComp"));
+    EXPECT_EQ(nullptr, vxl_com_findcomponent("CASECOMP"));
+}
+
+// ---- registrations ---------------------------------------------------------------
+
+TEST(ComLookups, RegisterTwiceUnregisterOnceKeepsOne)
+{
+    static vxl_comifinfo a = ifinfo("ITwiceRegistered");
+    a.iid_com = guid(80);
+    static const vxl_comifinfo *const ifs[] = {&a, nullptr};
+    static const vxl_comcomponentinfo c = {"TwiceComp", guid(81)};
+    static const vxl_comcomponentinfo *const comps[] = {&c, nullptr};
+    static const vxl_comlibinfo lib = {"twice.dll", {}};
+    static const vxl_comlibinfo otherLib = {"twice.dll", {}};
+    LogTail tail;
+    Registration first(&lib, comps, ifs);
+    vxl_comifinfo out;
+    {
+        Registration second(&lib, comps, ifs);
+        EXPECT_EQ(1, vxl_com_unregister(&otherLib, comps, ifs));
+    }
+    EXPECT_EQ(0, vxl_com_getifinfo("ITwiceRegistered", &out));
+    EXPECT_EQ(&c, vxl_com_findcomponentbyclsid(guid(81)));
+    EXPECT_EQ(0, vxl_com_unregister(&lib, comps, ifs));
+    first.forget();
+    EXPECT_EQ(1, vxl_com_getifinfo("ITwiceRegistered", &out));
+    EXPECT_EQ(nullptr, vxl_com_findcomponentbyclsid(guid(81)));
+    EXPECT_EQ(nullptr, vxl_com_findcomponent("TwiceComp"));
+    EXPECT_EQ("vxl_com_register\nvxl_com_register\n"
+              "vxl_com_unregister\nvxl_com_unregister: done2\n"
+              "vxl_com_unregister\nvxl_com_unregister: done1\n"
+              "vxl_com_unregister\nvxl_com_unregister: done1\n",
+              tail.text());
+}
+
+TEST(ComLookups, RecordHoldsThePointersAndEmptyCaches)
+{
+    static vxl_comifinfo a = ifinfo("ICacheA"), b = ifinfo("ICacheB"), c = ifinfo("ICacheC");
+    static const vxl_comifinfo *const ifs[] = {&a, &b, &c, nullptr};
+    static const vxl_comcomponentinfo *const comps[] = {nullptr};
+    static const vxl_comlibinfo lib = {"cache.dll", {}};
+    vxl_comregistration *before = vxl_com_registrations();
+    ASSERT_EQ(0, vxl_com_register(&lib, comps, ifs));
+
+    vxl_com_lock(VXL_REGISTRATION_LOCK);
+    vxl_comregistration *reg = vxl_com_registrations();
+    ASSERT_NE(nullptr, reg);
+    EXPECT_EQ(before, reg->next); // the new record is the head
+    EXPECT_EQ(&lib, reg->library);
+    EXPECT_EQ(comps, reg->components);
+    EXPECT_EQ(ifs, reg->interfaces);
+    EXPECT_EQ(nullptr, reg->typelib);
+    ASSERT_NE(nullptr, reg->typeinfos);
+    ASSERT_NE(nullptr, reg->proxytypeinfos);
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(nullptr, reg->typeinfos[i]);
+        EXPECT_EQ(nullptr, reg->proxytypeinfos[i]);
+    }
+    // What type information would load on demand is released at unregistration.
+    FakeRef s0{kFakeVtbl, 0}, s2{kFakeVtbl, 0}, p1{kFakeVtbl, 0}, lib0{kFakeVtbl, 0};
+    reg->typeinfos[0] = reinterpret_cast<ITypeInfo *>(&s0);
+    reg->typeinfos[2] = reinterpret_cast<ITypeInfo *>(&s2);
+    reg->proxytypeinfos[1] = reinterpret_cast<ITypeInfo *>(&p1);
+    reg->typelib = reinterpret_cast<ITypeLib *>(&lib0);
+    vxl_com_unlock(VXL_REGISTRATION_LOCK);
+
+    EXPECT_EQ(0, vxl_com_unregister(&lib, comps, ifs));
+    EXPECT_EQ(1, s0.releases);
+    EXPECT_EQ(1, s2.releases);
+    EXPECT_EQ(1, p1.releases);
+    EXPECT_EQ(1, lib0.releases);
+    EXPECT_EQ(before, vxl_com_registrations());
+}
+
+TEST(ComLookups, EmptyOrNullArraysGiveARegistrationThatFindsNothing)
+{
+    static const vxl_comlibinfo lib = {"empty.dll", {}};
+    vxl_comifinfo out;
+    {
+        Registration empty(&lib, kNoComps, kNoIfs);
+        Registration null(nullptr, nullptr, nullptr);
+        vxl_com_lock(VXL_REGISTRATION_LOCK);
+        vxl_comregistration *head = vxl_com_registrations();
+        ASSERT_NE(nullptr, head);
+        EXPECT_EQ(nullptr, head->interfaces);
+        EXPECT_EQ(nullptr, head->typeinfos); // no entries, no cache
+        EXPECT_EQ(kNoIfs, head->next->interfaces);
+        EXPECT_EQ(nullptr, head->next->typeinfos);
+        vxl_com_unlock(VXL_REGISTRATION_LOCK);
+        const char *wtype;
+        EXPECT_EQ(1, vxl_com_getifinfobyiid(GUID_NULL, &wtype, &out));
+        EXPECT_EQ(nullptr, vxl_com_findcomponentbyclsid(GUID_NULL));
+    }
+    EXPECT_EQ(nullptr, vxl_com_registrations());
+}
+
+// ---- the COM lock set -------------------------------------------------------------
+
+VXL_CHILD(com_lock_race)
+{
+    constexpr int kThreads = 16;
+    std::atomic<int> ready{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t)
+        threads.emplace_back([&, t] {
+            ready.fetch_add(1);
+            while (ready.load() < kThreads) {
+            }
+            vxl_comlock lock = static_cast<vxl_comlock>(t % VXL_COM_LOCK_COUNT);
+            vxl_com_lock(lock);
+            vxl_com_lock(lock); // re-entrant for the holder
+            vxl_com_unlock(lock);
+            vxl_com_unlock(lock);
+        });
+    for (auto &t : threads)
+        t.join();
+    return 0;
+}
+
+TEST(ComLocks, FirstUseRaceCreatesTheSetOnce)
+{
+    for (int run = 0; run < 4; ++run) {
+        std::string log = vxltest::scratchPath("comlookups_race.log");
+        ASSERT_EQ(0, vxltest::runChild("com_lock_race", log.c_str()));
+        EXPECT_EQ("new lock init in com\n", vxltest::readLog(log));
+    }
+}
+
+TEST(ComLocks, EachLockExcludesOtherThreadsOnlyFromItself)
+{
+    for (int held = 0; held < VXL_COM_LOCK_COUNT; ++held) {
+        SCOPED_TRACE(held);
+        vxl_com_lock(static_cast<vxl_comlock>(held));
+        std::atomic<int> others{0};
+        std::atomic<bool> gotHeld{false};
+        std::thread t([&] {
+            for (int l = 0; l < VXL_COM_LOCK_COUNT; ++l) {
+                if (l == held)
+                    continue;
+                vxl_com_lock(static_cast<vxl_comlock>(l));
+                vxl_com_unlock(static_cast<vxl_comlock>(l));
+                others.fetch_add(1);
+            }
+            vxl_com_lock(static_cast<vxl_comlock>(held));
+            gotHeld = true;
+            vxl_com_unlock(static_cast<vxl_comlock>(held));
+        });
+        for (int i = 0; i < 200 && others.load() < VXL_COM_LOCK_COUNT - 1; ++i)
+            Sleep(5);
+        Sleep(50);
+        EXPECT_EQ(VXL_COM_LOCK_COUNT - 1, others.load());
+        EXPECT_FALSE(gotHeld.load());
+        vxl_com_unlock(static_cast<vxl_comlock>(held));
+        t.join();
+        EXPECT_TRUE(gotHeld.load());
+    }
+}
