@@ -167,6 +167,15 @@ TEST_F(WrapperRegistry, MissingArgumentsAreRefused)
                   "vxl_com_wrapper_tryload(IVxlWregKeep, (null)) -> " + kBase + "IVxlWregKeep-(null)\n" +
                   "vxl_com_wrapper_tryload() openkey failed 57\n",
               tail.text());
+
+    ASSERT_EQ(0, vxl_com_wrapper_register(kPathA.c_str(), "IVxlWregKeep", "com"));
+    LogTail removal;
+    EXPECT_EQ(1, vxl_com_wrapper_unregister(nullptr, "IVxlWregKeep", "com"));
+    EXPECT_EQ(1, vxl_com_wrapper_unregister(kPathA.c_str(), "IVxlWregKeep", nullptr));
+    EXPECT_EQ((Values{{"wrapper-0", kPathA + "|0"}}), valuesOf(keyOf("IVxlWregKeep", "com")));
+    EXPECT_EQ(unregLine("(null)", "IVxlWregKeep", "com") + "wrapper unregister failed(3)\n" +
+                  unregLine(kPathA, "IVxlWregKeep", "(null)") + "wrapper unregister failed(2) 0x57\n",
+              removal.text());
 }
 
 // ---- unregister --------------------------------------------------------------------
