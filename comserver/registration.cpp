@@ -2,10 +2,37 @@
 // the COM bridge makes in them. The list is newest first; every walk visits
 // registrations in that order and, within one, the array entries in order.
 // The library's records are held by pointer and never copied.
+//
+// Records as component libraries lay them out (x64, byte offsets):
+//   vxl_comlibinfo        0 modulename   8 libid                      (24)
+//   vxl_comcomponentinfo  0 name         8 clsid                      (24)
+//   vxl_comifinfo         0 name         8 iid_com     24 iid_comS
+//                        40 iid_comP    56 iid_CP      72 clsid_CP
+//                        88 wrap_com    96 wrap_comS  104 wrap_comP
+//                       112 getdispinterface                          (120)
+//   vxl_comregistration   0 next         8 components  16 interfaces
+//                        24 library     32 typelib     40 typeinfos
+//                        48 proxytypeinfos                            (56)
 #include "comserver/comserver.h"
 
 #include <climits>
+#include <cstddef>
 #include <cstring>
+
+static_assert(offsetof(vxl_comlibinfo, libid) == 8 && sizeof(vxl_comlibinfo) == 24, "vxl_comlibinfo layout");
+static_assert(offsetof(vxl_comcomponentinfo, clsid) == 8 && sizeof(vxl_comcomponentinfo) == 24,
+              "vxl_comcomponentinfo layout");
+static_assert(offsetof(vxl_comifinfo, iid_com) == 8 && offsetof(vxl_comifinfo, iid_comS) == 24 &&
+                  offsetof(vxl_comifinfo, iid_comP) == 40 && offsetof(vxl_comifinfo, iid_CP) == 56 &&
+                  offsetof(vxl_comifinfo, clsid_CP) == 72 && offsetof(vxl_comifinfo, wrap_com) == 88 &&
+                  offsetof(vxl_comifinfo, wrap_comS) == 96 && offsetof(vxl_comifinfo, wrap_comP) == 104 &&
+                  offsetof(vxl_comifinfo, getdispinterface) == 112 && sizeof(vxl_comifinfo) == 120,
+              "vxl_comifinfo layout");
+static_assert(offsetof(vxl_comregistration, components) == 8 && offsetof(vxl_comregistration, interfaces) == 16 &&
+                  offsetof(vxl_comregistration, library) == 24 && offsetof(vxl_comregistration, typelib) == 32 &&
+                  offsetof(vxl_comregistration, typeinfos) == 40 &&
+                  offsetof(vxl_comregistration, proxytypeinfos) == 48 && sizeof(vxl_comregistration) == 56,
+              "vxl_comregistration layout");
 
 namespace {
 
@@ -106,8 +133,6 @@ void mergeEntry(const vxl_comifinfo &entry, vxl_comifinfo *out)
 #define VXL_COUNT_FIELD(field) +1
 static_assert(0 VXL_IFINFO_GUIDS(VXL_COUNT_FIELD) == 5 && 0 VXL_IFINFO_FUNCTIONS(VXL_COUNT_FIELD) == 4,
               "every optional field of vxl_comifinfo is merged");
-static_assert(sizeof(vxl_comifinfo) == sizeof(const char *) + 5 * sizeof(GUID) + 4 * sizeof(void *),
-              "vxl_comifinfo holds a name, five GUIDs and four functions");
 #undef VXL_COUNT_FIELD
 
 // The wrapper type of the first of the three IIDs that equals iid, or null.
