@@ -368,3 +368,24 @@ TEST_F(Factories, DefinitionsTheBuildCannotServeGetNoFactory)
     EXPECT_EQ("vxl_createclassfactory\ncreateclassfactory BadCount = " + hex(f) + ">\n", tail.text());
     vxl_destroyclassfactory(f);
 }
+
+TEST_F(Factories, NullOutArgumentsAreRefusedBeforeAnythingIsTaken)
+{
+    vxl_classfactory *f = nullptr;
+    ASSERT_EQ(0, vxl_createclassfactory(&f, "FacCreate"));
+    int impl = 0;
+    vxl_if out = deadbeef;
+    vxltest::LogTail tail;
+    EXPECT_EQ(VXL_EFAIL, vxl_createclassfactory(nullptr, "FacCreate"));
+    EXPECT_EQ(VXL_EFAIL, vxl_getinstancefromcf(f, nullptr, nullptr));
+    EXPECT_EQ(VXL_EFAIL, vxl_getinstancefromcf(nullptr, nullptr, &out));
+    EXPECT_EQ(VXL_EFAIL, vxl_encapsulatefromcf(f, nullptr, &impl, nullptr));
+    EXPECT_EQ(VXL_EFAIL, vxl_createinstance("FacCreate", nullptr, nullptr));
+    EXPECT_EQ(VXL_EFAIL, vxl_encapsulate("FacCreate", nullptr, &impl, nullptr));
+    EXPECT_EQ(0, vxl_destroyclassfactory(nullptr));
+    EXPECT_EQ(deadbeef, out);
+    EXPECT_EQ(0, g_creates);
+    EXPECT_EQ(1, kt::usecount(f)) << "no use taken or lost";
+    EXPECT_EQ("vxl_createclassfactory\nvxl_createclassfactory\n", tail.text());
+    vxl_destroyclassfactory(f);
+}

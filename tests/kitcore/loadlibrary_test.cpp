@@ -63,3 +63,10 @@ TEST(LibraryLoading, MissingFileLogsTheLoadersCodeAndText)
     EXPECT_EQ(1, vxl_loaddynamiclibrary("tc_no_such_library.dll"));
     EXPECT_EQ("vxl_loaddynamiclibrary(tc_no_such_library.dll)\n  126 " + text + "\n", tail.text());
 }
+
+TEST(LibraryLoading, NullNameLoadsNothing)
+{
+    vxltest::LogTail tail;
+    EXPECT_EQ(1, vxl_loaddynamiclibrary(nullptr));
+    EXPECT_EQ("vxl_loaddynamiclibrary((null))\n  87 " + systemText(ERROR_INVALID_PARAMETER) + "\n", tail.text());
+}
