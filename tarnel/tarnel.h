@@ -70,6 +70,8 @@ TRN_API int32_t trn_fetch(void *cursor, int64_t *record);
 TRN_API int32_t trn_closecursor(void *cursor);
 /* Rows in the table, or -1 for a bad handle. */
 TRN_API int64_t trn_rowcount(void *table);
+/* Tables ever made and rows alive, over every table of the process. */
+TRN_API void trn_processstats(int64_t *tables, int64_t *rows);
 
 #ifdef __cplusplus
 }
