@@ -27,7 +27,7 @@ trap stop_wine EXIT
 
 case "$what" in
   demo)
-    (cd "$build/bin" && ../../cmake/wine-run.sh ./vexal_demo.exe)
+    (cd "$build/bin" && "$OLDPWD/cmake/wine-run.sh" "$PWD/vexal_demo.exe")
     ;;
   test)
     ctest --test-dir "$build" -j"$(nproc)" --output-on-failure
