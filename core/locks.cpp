@@ -1,30 +1,19 @@
-// The four kit locks: recursive critical sections, created together exactly
-// once on first use (even when several threads race for it), never deleted.
+// The four kit locks: recursive, created together exactly once on first use.
 #include "kit.h"
-
-#include <windows.h>
+#include "lockset.h"
 
 namespace {
 
-CRITICAL_SECTION g_kitlocks[VXL_KIT_LOCK_COUNT];
-INIT_ONCE g_kitlocksonce = INIT_ONCE_STATIC_INIT;
-
-BOOL CALLBACK createKitLocks(PINIT_ONCE, PVOID, PVOID *)
-{
-    for (CRITICAL_SECTION &cs : g_kitlocks)
-        InitializeCriticalSection(&cs);
-    return TRUE;
-}
+vxl_lockset<VXL_KIT_LOCK_COUNT> g_kitlocks(nullptr);
 
 } // namespace
 
 void vxl_lock(vxl_kitlock lock)
 {
-    InitOnceExecuteOnce(&g_kitlocksonce, createKitLocks, nullptr, nullptr);
-    EnterCriticalSection(&g_kitlocks[lock]);
+    g_kitlocks.enter(lock);
 }
 
 void vxl_unlock(vxl_kitlock lock)
 {
-    LeaveCriticalSection(&g_kitlocks[lock]);
+    g_kitlocks.leave(lock);
 }

@@ -251,22 +251,10 @@ int32_t fakeGetinterface(vxl_if, const char *, vxl_if *out)
     return g_fail == 1 ? 1 : 0;
 }
 
-std::string expectedPath()
-{
-    return std::string(getenv("VXLLOGNAME")) + ".expected";
-}
-
-void writeExpected(const std::string &text)
-{
-    FILE *f = fopen(expectedPath().c_str(), "w");
-    fputs(text.c_str(), f);
-    fclose(f);
-}
-
 int fakeChild(int32_t fail, const char *message)
 {
     g_fail = fail;
-    writeExpected(std::string("vxl_fatal: ") + message + "\n");
+    vxltest::writeExpected(std::string("vxl_fatal: ") + message + "\n");
     vxl_getinterfacedef(&fakeObject);
     return 0; // not reached
 }
@@ -289,7 +277,7 @@ VXL_CHILD(gd_fake_succeeds)
 {
     g_fail = 0;
     ensureRegistered();
-    writeExpected("");
+    vxltest::writeExpected("");
     return vxl_getinterfacedef(&fakeObject) == vxl_findinterfacedef("GdA") ? 0 : 1;
 }
 VXL_CHILD(gd_callback_refuses)
@@ -298,7 +286,7 @@ VXL_CHILD(gd_callback_refuses)
     vxl_if a = nullptr;
     if (registered != 0 || vxl_createinstance("GdRefuse", nullptr, &a) != 0)
         return 10;
-    writeExpected("vxl_createclassfactory\ncreateclassfactory GdRefuse = " +
+    vxltest::writeExpected("vxl_createclassfactory\ncreateclassfactory GdRefuse = " +
                   hex(reinterpret_cast<void **>(a)[2]) + ">\nencapsulate = " + hex(a) + "\ngetinterface(" + hex(a) +
                   ", (null)) = 0 -7\nvxl_fatal: ooops\n");
     vxl_getinterfacedef(a);

@@ -38,18 +38,6 @@ struct WideInterface {
     }
 };
 
-std::string expectedPath()
-{
-    return std::string(getenv("VXLLOGNAME")) + ".expected";
-}
-
-void writeExpected(const std::string &text)
-{
-    FILE *f = fopen(expectedPath().c_str(), "w");
-    fputs(text.c_str(), f);
-    fclose(f);
-}
-
 int registerAll(std::vector<WideInterface *> classes)
 {
     static std::vector<const vxl_componentdef *> components;
@@ -97,7 +85,7 @@ VXL_CHILD(first_chunk)
         return 12;
     vxl_classfactory *f = kt::coreOf(obj)->factory;
     const void *stubs = VXL_SLOT(obj, 4);
-    writeExpected("vxl_createclassfactory\n" + chunk(262144, stubs) + built("Fresh", f) + "encapsulate = " +
+    vxltest::writeExpected("vxl_createclassfactory\n" + chunk(262144, stubs) + built("Fresh", f) + "encapsulate = " +
                   kt::hex(obj) + "\n");
     return 0;
 }
@@ -141,7 +129,7 @@ VXL_CHILD(growing_chunks)
     if (VXL_METHOD(obj, 69999, int32_t(*)(vxl_if, int32_t))(obj, 6) != 7)
         return 15;
     expected += "encapsulate = " + kt::hex(obj) + "\n";
-    writeExpected(expected);
+    vxltest::writeExpected(expected);
     return 0;
 }
 

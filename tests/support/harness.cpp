@@ -3,6 +3,7 @@
 #include <windows.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <map>
 #include <string>
 
@@ -76,6 +77,21 @@ std::string LogTail::text() const
 {
     std::string all = readLog(logPath());
     return all.size() > start_ ? all.substr(start_) : std::string();
+}
+
+std::string expectedPath()
+{
+    const char *log = getenv("VXLLOGNAME");
+    return std::string(log ? log : "") + ".expected";
+}
+
+void writeExpected(const std::string &text)
+{
+    FILE *f = fopen(expectedPath().c_str(), "w");
+    if (!f)
+        return;
+    fputs(text.c_str(), f);
+    fclose(f);
 }
 
 int runChild(const char *name, const char *logname)

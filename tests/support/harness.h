@@ -39,6 +39,11 @@ struct ChildRegistrar {
     ChildRegistrar(const char *name, ChildFn fn);
 };
 
+// A child that can only know its expected log text at run time (addresses)
+// writes it next to its log for the parent to compare.
+std::string expectedPath();
+void writeExpected(const std::string &text);
+
 // Folder holding this test program (and the DLLs built with it).
 std::string programDir();
 

@@ -147,7 +147,7 @@ private:
 LONG liveWrappers()
 {
     HMODULE lib = GetModuleHandleA("testwrappers.dll");
-    auto live = lib ? reinterpret_cast<LONG (*)()>(GetProcAddress(lib, "testwrappers_livewrappers")) : nullptr;
+    auto live = lib ? reinterpret_cast<LONG (*)()>(reinterpret_cast<void *>(GetProcAddress(lib, "testwrappers_livewrappers"))) : nullptr;
     return live ? live() : 0;
 }
 
