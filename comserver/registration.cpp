@@ -38,13 +38,6 @@ namespace {
 
 vxl_comregistration *g_registrations = nullptr; // guarded by the registration lock
 
-class RegistrationLock {
-public:
-    RegistrationLock() { vxl_com_lock(VXL_REGISTRATION_LOCK); }
-    ~RegistrationLock() { vxl_com_unlock(VXL_REGISTRATION_LOCK); }
-    RegistrationLock(const RegistrationLock &) = delete;
-    RegistrationLock &operator=(const RegistrationLock &) = delete;
-};
 
 // A null array counts as an empty one: the runtime does not validate what a
 // library hands in, but it must not fall over it either.
@@ -98,7 +91,7 @@ void releaseCache(ITypeInfo **cache, int32_t n)
 // first entry the predicate accepts.
 template <typename Pred> const vxl_comcomponentinfo *findComponent(Pred pred)
 {
-    RegistrationLock lock;
+    vxl_comlockguard lock(VXL_REGISTRATION_LOCK);
     for (vxl_comregistration *reg = g_registrations; reg; reg = reg->next) {
         if (!reg->components)
             continue;
@@ -158,7 +151,7 @@ int32_t vxl_com_register(const vxl_comlibinfo *library, const vxl_comcomponentin
                          const vxl_comifinfo *const *interfaces)
 {
     vxl_log("vxl_com_register\n");
-    RegistrationLock lock;
+    vxl_comlockguard lock(VXL_REGISTRATION_LOCK);
 
     // Out of kit memory the call changes nothing and still answers 0, the only
     // status it has: the library's entries are simply not found later, and its
@@ -191,7 +184,7 @@ int32_t vxl_com_unregister(const vxl_comlibinfo *library, const vxl_comcomponent
     vxl_log("vxl_com_unregister\n");
     vxl_comregistration *found = nullptr;
     {
-        RegistrationLock lock;
+        vxl_comlockguard lock(VXL_REGISTRATION_LOCK);
         vxl_comregistration **link = &g_registrations;
         while (*link && !((*link)->components == components && (*link)->interfaces == interfaces &&
                           (*link)->library == library))
@@ -233,7 +226,7 @@ int32_t vxl_com_getifinfo(const char *name, vxl_comifinfo *out)
 {
     if (!out)
         return VXL_EFAIL;
-    RegistrationLock lock;
+    vxl_comlockguard lock(VXL_REGISTRATION_LOCK);
     memset(out, 0, sizeof *out);
     if (!name)
         return VXL_EFAIL;
@@ -259,7 +252,7 @@ int32_t vxl_com_getifinfobyiid(REFIID iid, const char **wtype, vxl_comifinfo *ou
         return VXL_EFAIL;
     // The merge runs under the same (re-entrant) lock, so the matching entry
     // cannot be unregistered between finding it and reading it.
-    RegistrationLock lock;
+    vxl_comlockguard lock(VXL_REGISTRATION_LOCK);
     for (vxl_comregistration *reg = g_registrations; reg; reg = reg->next) {
         if (!reg->interfaces)
             continue;

@@ -22,6 +22,18 @@ size_t bucketsFor(int64_t rows)
     return buckets;
 }
 
+// Puts a row whose hash is known at the head of its bucket's chain.
+void pushFront(Index &index, uint32_t slot)
+{
+    Entry &entry = index.entries[slot];
+    size_t bucket = bucketOf(index, entry.hash);
+    entry.prev = kNone;
+    entry.next = index.heads[bucket];
+    if (entry.next != kNone)
+        index.entries[entry.next].prev = slot;
+    index.heads[bucket] = slot;
+}
+
 // Threads every live row into a fresh bucket array of the given size.
 void rebuild(Index &index, size_t buckets)
 {
@@ -31,13 +43,7 @@ void rebuild(Index &index, size_t buckets)
     for (uint32_t slot = 0; slot < table.slotCount; ++slot) {
         if (!table.live(slot))
             continue;
-        Entry &entry = index.entries[slot];
-        size_t bucket = bucketOf(index, entry.hash);
-        entry.prev = kNone;
-        entry.next = index.heads[bucket];
-        if (entry.next != kNone)
-            index.entries[entry.next].prev = slot;
-        index.heads[bucket] = slot;
+        pushFront(index, slot);
     }
 }
 
@@ -53,14 +59,8 @@ void indexReserve(Index &index, uint32_t slots, int64_t rows)
 
 void indexLink(Index &index, uint32_t slot)
 {
-    Entry &entry = index.entries[slot];
-    entry.hash = hashKey(index, index.table->row(slot));
-    size_t bucket = bucketOf(index, entry.hash);
-    entry.prev = kNone;
-    entry.next = index.heads[bucket];
-    if (entry.next != kNone)
-        index.entries[entry.next].prev = slot;
-    index.heads[bucket] = slot;
+    index.entries[slot].hash = hashKey(index, index.table->row(slot));
+    pushFront(index, slot);
 }
 
 void indexUnlink(Index &index, uint32_t slot)

@@ -55,13 +55,6 @@ int64_t *columns(vxl_wraprow *row)
     return reinterpret_cast<int64_t *>(row);
 }
 
-class WrapperLock {
-public:
-    WrapperLock() { vxl_com_lock(VXL_WRAPPER_LOCK); }
-    ~WrapperLock() { vxl_com_unlock(VXL_WRAPPER_LOCK); }
-    WrapperLock(const WrapperLock &) = delete;
-    WrapperLock &operator=(const WrapperLock &) = delete;
-};
 
 } // namespace
 
@@ -69,7 +62,7 @@ void vxl_wraptable_ensure()
 {
     if (g_tableready.load(std::memory_order_acquire))
         return;
-    WrapperLock lock;
+    vxl_comlockguard lock(VXL_WRAPPER_LOCK);
     if (g_tableready.load(std::memory_order_relaxed))
         return;
     g_table = trn_createtable(kTableOptions, kColumns);
@@ -126,7 +119,7 @@ vxl_wraprow vxl_wraptable_findpair(IUnknown *pcomif, vxl_if pif)
     row.pif = pif;
     bool found;
     {
-        WrapperLock lock;
+        vxl_comlockguard lock(VXL_WRAPPER_LOCK);
         found = vxl_wraptable_select(VXL_BY_PAIR, &row);
     }
     if (!found)
@@ -141,7 +134,7 @@ vxl_wraprow vxl_wraptable_deletepair(IUnknown *pcomif, vxl_if pif)
     row.pif = pif;
     int32_t status;
     {
-        WrapperLock lock;
+        vxl_comlockguard lock(VXL_WRAPPER_LOCK);
         trn_select(g_indexes[VXL_BY_PAIR], columns(&row));
         status = trn_delete(g_indexes[VXL_BY_PAIR], columns(&row));
     }
