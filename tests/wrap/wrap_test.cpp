@@ -488,6 +488,15 @@ TEST_F(Wrapping, NestedCrossingsEndWithoutAFatalStop)
     EXPECT_EQ(VXL_OK, VXL_METHOD(named, 0, named_label_slot)(named, &label));
     EXPECT_STREQ("counter", label);
     vxl_decref(named);
+    // The same for the dispatch form: the proxy calls the dual interface.
+    vxl_if viaDispatch = vxl_unwrapptr(w, "ICounter", "comS");
+    ASSERT_NE(nullptr, viaDispatch);
+    EXPECT_NE(pif, viaDispatch);
+    EXPECT_EQ(VXL_OK, VXL_METHOD(viaDispatch, 0, counter_add_slot)(viaDispatch, 3));
+    int32_t value = 0;
+    EXPECT_EQ(VXL_OK, VXL_METHOD(pif, 1, counter_get_slot)(pif, &value));
+    EXPECT_EQ(3, value);
+    vxl_decref(viaDispatch);
     w->Release();
     vxl_decref(pif);
 
