@@ -241,6 +241,12 @@ const vxl_interfacedef *vxl_getinterfacedef(vxl_if pif)
     return vxl_findinterfacedef(name);
 }
 
+int32_t vxl_objectrefcount(vxl_if primary)
+{
+    // The core follows the primary interface's head slot directly.
+    return InterlockedCompareExchange(counter(&coreOf(primary, 0)->refcount), 0, 0);
+}
+
 int32_t vxl_decref(vxl_if pif)
 {
     if (pif)

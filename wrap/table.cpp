@@ -19,6 +19,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <vector>
 
 static_assert(sizeof(vxl_wraprow) == 6 * sizeof(int64_t), "a row is six 64-bit columns");
 static_assert(offsetof(vxl_wraprow, piunk) == 0, "column 0");
@@ -33,6 +34,8 @@ namespace {
 void *g_table = nullptr;
 void *g_indexes[VXL_WRAP_INDEX_COUNT];
 std::atomic<bool> g_tableready{false};
+// Rows of dying COM wrappers, out of the table until their release comes.
+std::vector<vxl_wraprow> g_retired;
 
 const int32_t kTableOptions[] = {32, 32};
 const int64_t kColumns[] = {5, 5, 5, 5, 6, 6, 100};
@@ -127,18 +130,42 @@ vxl_wraprow vxl_wraptable_findpair(IUnknown *pcomif, vxl_if pif)
     return row;
 }
 
+bool vxl_wraptable_take(IUnknown *pcomif, vxl_if pif, vxl_wraprow *row)
+{
+    *row = {};
+    row->pcomif = pcomif;
+    row->pif = pif;
+    trn_select(g_indexes[VXL_BY_PAIR], columns(row));
+    if (trn_delete(g_indexes[VXL_BY_PAIR], columns(row)) == 0)
+        return true;
+    for (auto it = g_retired.begin(); it != g_retired.end(); ++it) {
+        if (it->pcomif == pcomif && it->pif == pif) {
+            *row = *it;
+            g_retired.erase(it);
+            return true;
+        }
+    }
+    return false;
+}
+
+void vxl_wraptable_retire(const vxl_wraprow &row)
+{
+    vxl_wraprow found = row;
+    trn_select(g_indexes[VXL_BY_PAIR], columns(&found));
+    if (trn_delete(g_indexes[VXL_BY_PAIR], columns(&found)) != 0)
+        vxl_fatal("trn_delete");
+    g_retired.push_back(found);
+}
+
 vxl_wraprow vxl_wraptable_deletepair(IUnknown *pcomif, vxl_if pif)
 {
-    vxl_wraprow row = {};
-    row.pcomif = pcomif;
-    row.pif = pif;
-    int32_t status;
+    vxl_wraprow row;
+    bool taken;
     {
         vxl_comlockguard lock(VXL_WRAPPER_LOCK);
-        trn_select(g_indexes[VXL_BY_PAIR], columns(&row));
-        status = trn_delete(g_indexes[VXL_BY_PAIR], columns(&row));
+        taken = vxl_wraptable_take(pcomif, pif, &row);
     }
-    if (status != 0)
+    if (!taken)
         vxl_fatal("trn_delete");
     return row;
 }

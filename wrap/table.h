@@ -35,6 +35,15 @@ bool vxl_wraptable_first(vxl_wrapindex index, vxl_wraprow *row);
 // line; fatal when the table refuses.
 void vxl_wraptable_insert(const vxl_wraprow &row);
 
+// The caller holds the wrapper lock. Removes the pair's row, or the row put
+// aside for it by vxl_wraptable_retire, into row; false when there is none.
+bool vxl_wraptable_take(IUnknown *pcomif, vxl_if pif, vxl_wraprow *row);
+// The caller holds the wrapper lock. Takes the row of a COM wrapper that is
+// already dying (its count reached 0, its vxl_com_releasewrapper is on the
+// way) out of the table, so that nobody finds it any more, and keeps it
+// aside for that call.
+void vxl_wraptable_retire(const vxl_wraprow &row);
+
 // Take the wrapper lock themselves. Both are fatal when the pair has no row:
 // every live wrapper and proxy has one.
 vxl_wraprow vxl_wraptable_findpair(IUnknown *pcomif, vxl_if pif);

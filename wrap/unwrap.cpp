@@ -128,8 +128,20 @@ int32_t vxl_com_wrappergetinterface(void *pcomif, const char *name, vxl_if *resu
 int32_t vxl_com_wrapperdestructor(void *pcomif, vxl_if pif)
 {
     IUnknown *itf = static_cast<IUnknown *>(pcomif);
-    vxl_log("trn_delete: pcomif = %x, pif = %x\n", VXL_PTR(itf), VXL_PTR(pif));
-    vxl_wraprow row = vxl_wraptable_deletepair(itf, pif);
+    vxl_wraprow row;
+    bool taken;
+    {
+        vxl_comlockguard lock(VXL_WRAPPER_LOCK);
+        // Between the count reaching 0 and this lock, another thread's
+        // vxl_unwrap may have found the row and handed the proxy out again.
+        // Then the proxy stays, row and all, until that reference goes.
+        if (vxl_objectrefcount(pif) != 0)
+            return VXL_EFAIL;
+        vxl_log("trn_delete: pcomif = %x, pif = %x\n", VXL_PTR(itf), VXL_PTR(pif));
+        taken = vxl_wraptable_take(itf, pif, &row);
+    }
+    if (!taken)
+        vxl_fatal("trn_delete");
     vxl_free(const_cast<char *>(row.ifname));
     vxl_free(const_cast<char *>(row.wtype));
     if (row.pdef != pif)

@@ -61,9 +61,16 @@ int32_t vxl_wrap(vxl_if pif, const char *ifname, const char *wtype, IUnknown **r
         row.pdef = identity;
         row.ifname = ifname;
         row.wtype = wtype;
-        if (vxl_wraptable_select(VXL_BY_OBJECT_AND_NAME, &row)) {
+        bool found = vxl_wraptable_select(VXL_BY_OBJECT_AND_NAME, &row);
+        // A count that comes back as 1 was 0: the wrapper is dying on another
+        // thread and blocked on this lock in vxl_com_releasewrapper. It must
+        // not be handed out; it is set aside and a new one made.
+        if (found && row.pcomif->AddRef() == 1) {
+            vxl_wraptable_retire(row);
+            found = false;
+        }
+        if (found) {
             wrapper = row.pcomif;
-            wrapper->AddRef();
         } else {
             vxl_if named = nullptr;
             if (pif->slots->getinterface(pif, ifname, &named) == VXL_OK && named) {
