@@ -52,10 +52,10 @@ const vxl_interfacedef *vxl_findinterfacedef(const char *name);
 vxl_if vxl_newobject(vxl_classfactory *factory, void ***core);
 // The cached definition of the interface a null-name getinterface yields.
 const vxl_interfacedef *vxl_getinterfacedef(vxl_if pif);
-// The shared reference count of an object, from its primary interface. A
-// destroy callback that finds it above 0 knows the object was handed out
-// again after its count reached 0.
-int32_t vxl_objectrefcount(vxl_if primary);
+// Adds a reference as the incref slot does, unless the object's count has
+// already reached 0 (its destroy callback is on its way): then it adds none
+// and answers false. Interfaces that are not kit objects are simply increfed.
+bool vxl_increfifalive(vxl_if pif);
 // The cached factory of a class; create 1 builds it if needed and takes a use.
 vxl_classfactory *vxl_findclassfactory(const char *name, int32_t create);
 

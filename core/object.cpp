@@ -241,10 +241,26 @@ const vxl_interfacedef *vxl_getinterfacedef(vxl_if pif)
     return vxl_findinterfacedef(name);
 }
 
-int32_t vxl_objectrefcount(vxl_if primary)
+bool vxl_increfifalive(vxl_if pif)
 {
-    // The core follows the primary interface's head slot directly.
-    return InterlockedCompareExchange(counter(&coreOf(primary, 0)->refcount), 0, 0);
+    // The incref slot tells the generic group, and with it the index that
+    // locates the core.
+    for (int32_t n = 1; n <= VXL_MAX_INTERFACES; ++n) {
+        for (int32_t i = 0; i < n; ++i) {
+            if (vxl_genericslots[n - 1][i].incref != pif->slots->incref)
+                continue;
+            volatile LONG *count = counter(&coreOf(pif, i)->refcount);
+            for (LONG seen = *count; seen != 0; seen = *count) {
+                if (InterlockedCompareExchange(count, seen + 1, seen) == seen) {
+                    vxl_log("inccref(%x)\n", VXL_PTR(pif));
+                    return true;
+                }
+            }
+            return false;
+        }
+    }
+    pif->slots->incref(pif);
+    return true;
 }
 
 int32_t vxl_decref(vxl_if pif)

@@ -78,9 +78,16 @@ int32_t vxl_unwrap(IUnknown *pcom, const char *ifname, const char *wtype, vxl_if
         row.piunk = identity;
         row.ifname = ifname;
         row.wtype = wtype;
-        if (vxl_wraptable_select(VXL_BY_IDENTITY_AND_NAME, &row)) {
+        bool found = vxl_wraptable_select(VXL_BY_IDENTITY_AND_NAME, &row);
+        // A proxy whose count already reached 0 is dying on another thread,
+        // its destroy callback waiting for this lock: it is not handed out
+        // again; its row is set aside for that callback and a new proxy made.
+        if (found && !vxl_increfifalive(row.pif)) {
+            vxl_wraptable_retire(row);
+            found = false;
+        }
+        if (found) {
             proxy = row.pif;
-            proxy->slots->incref(proxy);
         } else if (IUnknown *itf = queryNamedInterface(pcom, ifname, wtype)) {
             proxy = makeProxy(itf, ifname, wtype);
             if (proxy) {
@@ -89,9 +96,13 @@ int32_t vxl_unwrap(IUnknown *pcom, const char *ifname, const char *wtype, vxl_if
                 vxl_wraprow earlier = {};
                 earlier.piunk = identity;
                 vxl_if pdef = proxy;
+                // A dying kit identity has no other row left holding it: the
+                // row found is its own, and the new proxy takes its place.
                 if (vxl_wraptable_first(VXL_BY_IDENTITY, &earlier)) {
-                    pdef = earlier.pdef;
-                    pdef->slots->incref(pdef);
+                    if (vxl_increfifalive(earlier.pdef))
+                        pdef = earlier.pdef;
+                    else
+                        vxl_wraptable_retire(earlier);
                 }
                 identity->AddRef();
                 vxl_wraptable_insert({identity, itf, pdef, proxy, ifname, wtype});
@@ -128,20 +139,8 @@ int32_t vxl_com_wrappergetinterface(void *pcomif, const char *name, vxl_if *resu
 int32_t vxl_com_wrapperdestructor(void *pcomif, vxl_if pif)
 {
     IUnknown *itf = static_cast<IUnknown *>(pcomif);
-    vxl_wraprow row;
-    bool taken;
-    {
-        vxl_comlockguard lock(VXL_WRAPPER_LOCK);
-        // Between the count reaching 0 and this lock, another thread's
-        // vxl_unwrap may have found the row and handed the proxy out again.
-        // Then the proxy stays, row and all, until that reference goes.
-        if (vxl_objectrefcount(pif) != 0)
-            return VXL_EFAIL;
-        vxl_log("trn_delete: pcomif = %x, pif = %x\n", VXL_PTR(itf), VXL_PTR(pif));
-        taken = vxl_wraptable_take(itf, pif, &row);
-    }
-    if (!taken)
-        vxl_fatal("trn_delete");
+    vxl_log("trn_delete: pcomif = %x, pif = %x\n", VXL_PTR(itf), VXL_PTR(pif));
+    vxl_wraprow row = vxl_wraptable_deletepair(itf, pif);
     vxl_free(const_cast<char *>(row.ifname));
     vxl_free(const_cast<char *>(row.wtype));
     if (row.pdef != pif)

@@ -81,9 +81,14 @@ int32_t vxl_wrap(vxl_if pif, const char *ifname, const char *wtype, IUnknown **r
                     vxl_wraprow earlier = {};
                     earlier.pdef = identity;
                     IUnknown *piunk = wrapper;
+                    // An identity that is dying has no other row left holding
+                    // it: the row found is its own, and the new wrapper takes
+                    // its place.
                     if (vxl_wraptable_first(VXL_BY_OBJECT, &earlier)) {
-                        piunk = earlier.piunk;
-                        piunk->AddRef();
+                        if (earlier.piunk->AddRef() == 1)
+                            vxl_wraptable_retire(earlier);
+                        else
+                            piunk = earlier.piunk;
                     }
                     identity->slots->incref(identity);
                     vxl_wraptable_insert({piunk, wrapper, identity, pif, ifname, wtype});
