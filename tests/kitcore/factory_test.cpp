@@ -2,12 +2,10 @@
 // failure paths, creation races, vxl_inuse, refused builds.
 #include "kitcore_support.h"
 
-#include <gtest/gtest.h>
-#include <windows.h>
-
 #include <thread>
 #include <vector>
 
+using kt::deadbeef;
 using kt::hex;
 
 namespace {
@@ -24,16 +22,8 @@ int32_t create(void **implslot, vxl_if)
     return 0;
 }
 
-int32_t destroy(void *, vxl_if)
-{
-    ++g_destroys;
-    return 0;
-}
-
-int32_t one(void *)
-{
-    return 1;
-}
+int32_t destroy(void *, vxl_if) { ++g_destroys; return 0; }
+int32_t one(void *) { return 1; }
 
 // Interfaces without methods need no stub memory, so the exact trace of a
 // build does not depend on whether an earlier test took the first chunk.
@@ -71,31 +61,22 @@ const vxl_componentdef *const localComponents[] = {
     &badMethods, &races[0], &races[1], &races[2], &races[3], &races[4], &races[5], &races[6], &races[7], nullptr};
 const vxl_interfacedef *const localInterfaces[] = {&iPlain, &iOneMethod, &iBroken, nullptr};
 
-vxl_if const deadbeef = reinterpret_cast<vxl_if>(0xdeadbeef);
-
 class Factories : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        static bool registered = false;
-        if (!registered) {
-            ASSERT_EQ(0, vxl_register("factory_test", localComponents, localInterfaces));
-            registered = true;
-        }
+        static int32_t registered = vxl_register("factory_test", localComponents, localInterfaces);
+        ASSERT_EQ(0, registered);
         g_creates = g_destroys = 0;
-        g_createstatus = 0;
-    }
-    void TearDown() override
-    {
         g_createstatus = 0;
     }
 };
 
 // The address in "encapsulate = %x\n" at the start of a trace.
-std::string encapsulated(const std::string &log, size_t from = 0)
+std::string encapsulated(const std::string &log)
 {
     const std::string key = "encapsulate = ";
-    size_t at = log.find(key, from);
+    size_t at = log.find(key);
     if (at == std::string::npos)
         return "?";
     at += key.size();
@@ -126,37 +107,26 @@ TEST_F(Factories, AGivenBackFactoryIsReusedWithoutABuild)
 TEST_F(Factories, UnknownClassIsStatusFiveEverywhere)
 {
     const std::string none = "vxl_createclassfactory\ncreateclassfactory NoSuchClass = <none>\n";
-    {
-        auto *f = reinterpret_cast<vxl_classfactory *>(0xdeadbeef);
-        vxltest::LogTail tail;
-        EXPECT_EQ(VXL_ECLASSNOTREG, vxl_createclassfactory(&f, "NoSuchClass"));
-        EXPECT_EQ(nullptr, f);
-        EXPECT_EQ(none, tail.text());
-    }
-    {
-        vxl_if out = deadbeef;
-        vxltest::LogTail tail;
-        EXPECT_EQ(VXL_ECLASSNOTREG, vxl_createinstance("NoSuchClass", "IPlain", &out));
-        EXPECT_EQ(nullptr, out);
-        EXPECT_EQ(none, tail.text());
-    }
-    {
-        vxl_if out = deadbeef;
-        int impl;
-        vxltest::LogTail tail;
-        EXPECT_EQ(VXL_ECLASSNOTREG, vxl_encapsulate("NoSuchClass", nullptr, &impl, &out));
-        EXPECT_EQ(deadbeef, out) << "left unchanged";
-        EXPECT_EQ(none, tail.text());
-    }
+    auto *f = reinterpret_cast<vxl_classfactory *>(0xdeadbeef);
+    vxl_if created = deadbeef, encapsulated = deadbeef;
+    int impl;
+    vxltest::LogTail tail;
+    EXPECT_EQ(VXL_ECLASSNOTREG, vxl_createclassfactory(&f, "NoSuchClass"));
+    EXPECT_EQ(VXL_ECLASSNOTREG, vxl_createinstance("NoSuchClass", "IPlain", &created));
+    EXPECT_EQ(VXL_ECLASSNOTREG, vxl_encapsulate("NoSuchClass", nullptr, &impl, &encapsulated));
+    EXPECT_EQ(nullptr, f);
+    EXPECT_EQ(nullptr, created);
+    EXPECT_EQ(deadbeef, encapsulated) << "vxl_encapsulate leaves it unchanged";
+    EXPECT_EQ(none + none + none, tail.text());
 }
 
-TEST_F(Factories, NullNameGivesThePrimaryWithOneReference)
+TEST_F(Factories, ObjectsFromAFactoryHoldOneReferenceAndOneUse)
 {
     vxl_classfactory *f = nullptr;
     ASSERT_EQ(0, vxl_createclassfactory(&f, "FacCreate"));
     vxl_if out = deadbeef;
     vxltest::LogTail tail;
-    ASSERT_EQ(0, vxl_getinstancefromcf(f, nullptr, &out));
+    ASSERT_EQ(0, vxl_getinstancefromcf(f, nullptr, &out)); // a null name gives the primary
     EXPECT_EQ(1, kt::refcount(out));
     EXPECT_EQ(2, kt::usecount(f));
     EXPECT_EQ(&g_creates, kt::coreOf(out)->impl);
@@ -164,6 +134,20 @@ TEST_F(Factories, NullNameGivesThePrimaryWithOneReference)
     EXPECT_EQ(1, g_destroys);
     EXPECT_EQ(1, kt::usecount(f));
     EXPECT_EQ("encapsulate = " + hex(out) + "\ndecref(" + hex(out) + ") = 1\n", tail.text());
+
+    int impl = 0;
+    out = deadbeef;
+    ASSERT_EQ(0, vxl_encapsulatefromcf(f, "IPlain", &impl, &out));
+    EXPECT_EQ(1, g_creates) << "no create callback";
+    EXPECT_EQ(&impl, kt::coreOf(out)->impl);
+    EXPECT_EQ(1, kt::refcount(out));
+    vxl_decref(out);
+    EXPECT_EQ(2, g_destroys);
+    out = deadbeef;
+    EXPECT_EQ(VXL_ENOINTERFACE, vxl_encapsulatefromcf(f, "INope", &impl, &out));
+    EXPECT_EQ(nullptr, out);
+    EXPECT_EQ(3, g_destroys);
+    EXPECT_EQ(1, kt::usecount(f));
     vxl_destroyclassfactory(f);
 }
 
@@ -207,26 +191,6 @@ TEST_F(Factories, FailingCreateOrMissingInterfaceDropsTheObject)
             EXPECT_EQ(expected, log);
         }
     }
-    vxl_destroyclassfactory(f);
-}
-
-TEST_F(Factories, EncapsulateFromFactoryUsesTheGivenImplementation)
-{
-    vxl_classfactory *f = nullptr;
-    ASSERT_EQ(0, vxl_createclassfactory(&f, "FacCreate"));
-    int impl = 0;
-    vxl_if out = deadbeef;
-    ASSERT_EQ(0, vxl_encapsulatefromcf(f, "IPlain", &impl, &out));
-    EXPECT_EQ(0, g_creates) << "no create callback";
-    EXPECT_EQ(&impl, kt::coreOf(out)->impl);
-    EXPECT_EQ(1, kt::refcount(out));
-    vxl_decref(out);
-    EXPECT_EQ(1, g_destroys);
-    out = deadbeef;
-    EXPECT_EQ(VXL_ENOINTERFACE, vxl_encapsulatefromcf(f, "INope", &impl, &out));
-    EXPECT_EQ(nullptr, out);
-    EXPECT_EQ(2, g_destroys);
-    EXPECT_EQ(1, kt::usecount(f));
     vxl_destroyclassfactory(f);
 }
 
@@ -345,19 +309,16 @@ TEST_F(Factories, AHeldHandleCountsAsInUse)
 
 TEST_F(Factories, DefinitionsTheBuildCannotServeGetNoFactory)
 {
-    for (int32_t count : {0, 7, -1}) {
-        SCOPED_TRACE(count);
-        badCount.ifcount = count;
+    const struct {
+        const char *name;
+        int32_t count; // BadCount's spoiled interface count
+    } cases[] = {{"BadCount", 0}, {"BadCount", 7}, {"BadCount", -1}, {"BadMethods", -1}};
+    for (const auto &c : cases) {
+        SCOPED_TRACE(testing::Message() << c.name << " " << c.count);
+        badCount.ifcount = c.count;
         auto *f = reinterpret_cast<vxl_classfactory *>(0xdeadbeef);
         vxltest::LogTail tail;
-        EXPECT_EQ(VXL_ECLASSNOTREG, vxl_createclassfactory(&f, "BadCount"));
-        EXPECT_EQ(nullptr, f);
-        EXPECT_EQ("vxl_createclassfactory\n", tail.text());
-    }
-    {
-        auto *f = reinterpret_cast<vxl_classfactory *>(0xdeadbeef);
-        vxltest::LogTail tail;
-        EXPECT_EQ(VXL_ECLASSNOTREG, vxl_createclassfactory(&f, "BadMethods"));
+        EXPECT_EQ(VXL_ECLASSNOTREG, vxl_createclassfactory(&f, c.name));
         EXPECT_EQ(nullptr, f);
         EXPECT_EQ("vxl_createclassfactory\n", tail.text());
     }
@@ -383,6 +344,7 @@ TEST_F(Factories, NullOutArgumentsAreRefusedBeforeAnythingIsTaken)
     EXPECT_EQ(VXL_EFAIL, vxl_createinstance("FacCreate", nullptr, nullptr));
     EXPECT_EQ(VXL_EFAIL, vxl_encapsulate("FacCreate", nullptr, &impl, nullptr));
     EXPECT_EQ(0, vxl_destroyclassfactory(nullptr));
+    EXPECT_EQ(0, vxl_decref(nullptr));
     EXPECT_EQ(deadbeef, out);
     EXPECT_EQ(0, g_creates);
     EXPECT_EQ(1, kt::usecount(f)) << "no use taken or lost";

@@ -2,71 +2,36 @@
 // without one, a missing file, and the system's error text in the trace.
 #include "kitcore_support.h"
 
-#include <gtest/gtest.h>
-#include <windows.h>
-
-namespace {
-
-// The system's message for code, as the trace must show it.
-std::string systemText(DWORD code)
-{
-    char raw[1024] = "";
-    DWORD n = FormatMessageA(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr, code, 0, raw,
-                             sizeof raw, nullptr);
-    std::string text(raw, n);
-    for (char end : {'\n', '\r', '.'})
-        if (text.size() > 0 && n > 3 && text.back() == end)
-            text.pop_back();
-    return text;
-}
-
-} // namespace
-
-TEST(LibraryLoading, EntryPointResultIsReturnedAndRunsOnEveryLoad)
+TEST(LibraryLoading, EveryLoadRunsTheEntryPointOrLogsTheLoadersCodeAndText)
 {
     kt::ensureComponents();
-    int32_t before = tc_getcontrol()->initcalls;
-    vxltest::LogTail tail;
-    EXPECT_EQ(0, vxl_loaddynamiclibrary("tc_components.dll"));
-    EXPECT_EQ(0, vxl_loaddynamiclibrary("tc_components.dll"));
-    EXPECT_EQ(before + 2, tc_getcontrol()->initcalls);
-    EXPECT_EQ("vxl_loaddynamiclibrary(tc_components.dll)\nvxl_loaddynamiclibrary(tc_components.dll)\n",
-              tail.text());
-}
-
-TEST(LibraryLoading, ComponentDefinedFailureOfTheEntryPointPassesThrough)
-{
-    vxltest::LogTail tail;
-    EXPECT_EQ(-4, vxl_loaddynamiclibrary("tc_initfail.dll"));
-    EXPECT_EQ("vxl_loaddynamiclibrary(tc_initfail.dll)\n", tail.text());
-}
-
-TEST(LibraryLoading, LibraryWithoutEntryPointIsOneAndStaysLoaded)
-{
-    std::string text = systemText(ERROR_PROC_NOT_FOUND);
-    ASSERT_NE("", text);
-    const std::string lines = "vxl_loaddynamiclibrary(tc_noentry.dll)\n  127 " + text + "\n";
-    vxltest::LogTail tail;
-    EXPECT_EQ(1, vxl_loaddynamiclibrary("tc_noentry.dll"));
-    EXPECT_NE(nullptr, GetModuleHandleA("tc_noentry.dll")) << "not unloaded";
-    EXPECT_EQ(1, vxl_loaddynamiclibrary("tc_noentry.dll"));
-    EXPECT_EQ(lines + lines, tail.text());
-}
-
-TEST(LibraryLoading, MissingFileLogsTheLoadersCodeAndText)
-{
-    std::string text = systemText(ERROR_MOD_NOT_FOUND);
-    ASSERT_NE("", text);
-    for (char bad : {'.', '\r', '\n'})
-        EXPECT_NE(bad, text.back());
-    vxltest::LogTail tail;
-    EXPECT_EQ(1, vxl_loaddynamiclibrary("tc_no_such_library.dll"));
-    EXPECT_EQ("vxl_loaddynamiclibrary(tc_no_such_library.dll)\n  126 " + text + "\n", tail.text());
-}
-
-TEST(LibraryLoading, NullNameLoadsNothing)
-{
-    vxltest::LogTail tail;
-    EXPECT_EQ(1, vxl_loaddynamiclibrary(nullptr));
-    EXPECT_EQ("vxl_loaddynamiclibrary((null))\n  87 " + systemText(ERROR_INVALID_PARAMETER) + "\n", tail.text());
+    const struct {
+        const char *name;
+        int32_t status;
+        DWORD code; // of the second trace line; 0 for none
+    } cases[] = {
+        {"tc_components.dll", 0, 0},
+        {"tc_initfail.dll", -4, 0}, // the entry point's own failure passes through
+        {"tc_noentry.dll", 1, ERROR_PROC_NOT_FOUND},
+        {"tc_no_such_library.dll", 1, ERROR_MOD_NOT_FOUND},
+        {nullptr, 1, ERROR_INVALID_PARAMETER},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name ? c.name : "(null)");
+        std::string lines = kt::fmt("vxl_loaddynamiclibrary(%s)\n", c.name ? c.name : "(null)");
+        if (c.code) {
+            std::string text = kt::systemText(c.code);
+            ASSERT_NE("", text);
+            for (char bad : {'.', '\r', '\n'})
+                EXPECT_NE(bad, text.back());
+            lines += kt::fmt("  %d %s\n", static_cast<int>(c.code), text.c_str());
+        }
+        int32_t initcalls = tc_getcontrol()->initcalls;
+        vxltest::LogTail tail;
+        EXPECT_EQ(c.status, vxl_loaddynamiclibrary(c.name));
+        EXPECT_EQ(c.status, vxl_loaddynamiclibrary(c.name)) << "the same on a second load";
+        EXPECT_EQ(lines + lines, tail.text());
+        EXPECT_EQ(initcalls + (c.status ? 0 : 2), tc_getcontrol()->initcalls);
+    }
+    EXPECT_NE(nullptr, GetModuleHandleA("tc_noentry.dll")) << "a library without entry point stays loaded";
 }
