@@ -22,10 +22,7 @@ GUID guid(uint32_t n)
     return GUID{0x5eed0000u + n, 0x2222, 0x4333, {0x84, 0x44, 0x55, 0x55, 0x66, 0x66, 0x77, 0x77}};
 }
 
-bool same(const GUID &a, const GUID &b)
-{
-    return memcmp(&a, &b, sizeof a) == 0;
-}
+bool same(const GUID &a, const GUID &b) { return memcmp(&a, &b, sizeof a) == 0; }
 
 // Distinct bodies keep the linker from folding them into one address.
 int32_t wrapA(vxl_if, IUnknown **) { return 101; }
@@ -34,24 +31,38 @@ int32_t wrapC(vxl_if, IUnknown **) { return 103; }
 HRESULT dispA(IUnknown *, IDispatch **) { return 201; }
 HRESULT dispB(IUnknown *, IDispatch **) { return 202; }
 
-vxl_comifinfo ifinfo(const char *name)
+// A record with only a name and the three wrapper IIDs set.
+vxl_comifinfo ifinfo(const char *name, GUID com = {}, GUID comS = {}, GUID comP = {})
 {
-    vxl_comifinfo info;
-    memset(&info, 0, sizeof info);
-    info.name = name;
-    return info;
+    return {name, com, comS, comP, {}, {}, nullptr, nullptr, nullptr, nullptr};
 }
 
-void poison(vxl_comifinfo *out)
+// The lookups, each into a poisoned record that a failure must clear (and
+// a wrapper type that it must null).
+vxl_comifinfo byName(const char *name, int32_t status = 0)
 {
-    memset(out, 0xde, sizeof *out);
+    vxl_comifinfo out, zero = ifinfo(nullptr);
+    memset(&out, 0xde, sizeof out);
+    EXPECT_EQ(status, vxl_com_getifinfo(name, &out)) << (name ? name : "(null)");
+    if (status) {
+        EXPECT_EQ(0, memcmp(&zero, &out, sizeof out));
+    }
+    return out;
 }
 
-void expectCleared(const vxl_comifinfo &out)
+vxl_comifinfo byIid(const GUID &iid, const char *wtype, int32_t status = 0)
 {
-    vxl_comifinfo zero;
-    memset(&zero, 0, sizeof zero);
-    EXPECT_EQ(0, memcmp(&zero, &out, sizeof out));
+    vxl_comifinfo out, zero = ifinfo(nullptr);
+    memset(&out, 0xde, sizeof out);
+    const char *got = reinterpret_cast<const char *>(0xdeadbeef);
+    EXPECT_EQ(status, vxl_com_getifinfobyiid(iid, &got, &out));
+    if (status) {
+        EXPECT_EQ(nullptr, got);
+        EXPECT_EQ(0, memcmp(&zero, &out, sizeof out));
+    } else {
+        EXPECT_STREQ(wtype, got);
+    }
+    return out;
 }
 
 // One vxl_com_register for the life of a test; unregistered at its end.
@@ -92,38 +103,40 @@ HRESULT STDMETHODCALLTYPE fakeQueryInterface(FakeRef *, REFIID, void **out)
     return E_NOINTERFACE;
 }
 ULONG STDMETHODCALLTYPE fakeAddRef(FakeRef *) { return 2; }
-ULONG STDMETHODCALLTYPE fakeRelease(FakeRef *self) { return static_cast<ULONG>(++self->releases) * 0 + 1; }
+ULONG STDMETHODCALLTYPE fakeRelease(FakeRef *self) { ++self->releases; return 1; }
 const void *const kFakeVtbl[] = {reinterpret_cast<const void *>(fakeQueryInterface),
                                  reinterpret_cast<const void *>(fakeAddRef),
                                  reinterpret_cast<const void *>(fakeRelease)};
 
 } // namespace
 
-// ---- merging by name -------------------------------------------------------------
+// ---- merging by name, walk order ------------------------------------------------
 
-TEST(ComLookups, TwoRegistrationsOfOneInterfaceMergeFieldByField)
+TEST(ComLookups, MergingByNameAndWalkOrderByIid)
 {
+    // Fields: name, iid_com, iid_comS, iid_comP, iid_CP, clsid_CP, wrap_com,
+    // wrap_comS, wrap_comP, getdispinterface.
     static const char oldName[] = "IMergeTest", newName[] = "IMergeTest"; // equal text, two pointers
-    static vxl_comifinfo older = ifinfo(oldName), newer = ifinfo(newName);
-    older.iid_com = guid(1);  // set in both: the older registration's value wins
-    older.iid_comS = guid(2); // only in the older one
-    older.wrap_com = wrapA;
-    older.getdispinterface = dispA;
-    newer.iid_com = guid(3);
-    newer.iid_comP = guid(4); // only in the newer one
-    newer.iid_CP = guid(5);
-    newer.wrap_com = wrapB;
-    newer.wrap_comS = wrapC;
-    newer.getdispinterface = dispB;
-    static const vxl_comifinfo *const olderIfs[] = {&older, nullptr};
-    static const vxl_comifinfo *const newerIfs[] = {&newer, nullptr};
+    // IMergeTest in both: iid_com set in both (the older value wins), iid_comS
+    // only in the older, iid_comP and iid_CP only in the newer one.
+    static const vxl_comifinfo mergeOld = {oldName, guid(1), guid(2), {}, {}, {}, wrapA, nullptr, nullptr, dispA};
+    static const vxl_comifinfo mergeNew = {newName, guid(3), {}, guid(4), guid(5), {}, wrapB, wrapC, nullptr, dispB};
+    // ITwiceInOne twice in one registration: the later entry wins.
+    static const vxl_comifinfo twice1 = {"ITwiceInOne", guid(10), {}, {}, {}, {}, nullptr, nullptr, wrapA, nullptr};
+    static const vxl_comifinfo twice2 = ifinfo("ITwiceInOne", guid(11));
+    // Two names claim guid(20): by IID the newer registration's entry answers, unmerged.
+    static const vxl_comifinfo oldClaim = {"IOldClaim", guid(20), {}, {}, {}, {}, wrapA, nullptr, nullptr, nullptr};
+    static const vxl_comifinfo newClaim = {"INewClaim", {}, guid(20), {}, {}, {}, nullptr, wrapB, nullptr, nullptr};
+    // By IID the fields compare com, then comS, then comP.
+    static const vxl_comifinfo orderA = ifinfo("IOrderA", guid(30), guid(30), guid(30));
+    static const vxl_comifinfo orderB = ifinfo("IOrderB", {}, guid(31), guid(31));
+    static const vxl_comifinfo *const olderIfs[] = {&mergeOld, &oldClaim, &orderA, &orderB, nullptr};
+    static const vxl_comifinfo *const newerIfs[] = {&mergeNew, &twice1, &twice2, &newClaim, nullptr};
     static const vxl_comlibinfo lib = {"merge.dll", {}};
     Registration first(&lib, kNoComps, olderIfs);
     Registration second(&lib, kNoComps, newerIfs);
 
-    vxl_comifinfo out;
-    poison(&out);
-    ASSERT_EQ(0, vxl_com_getifinfo("IMergeTest", &out));
+    vxl_comifinfo out = byName("IMergeTest");
     EXPECT_EQ(oldName, out.name); // the last entry walked: the oldest
     EXPECT_TRUE(same(guid(1), out.iid_com));
     EXPECT_TRUE(same(guid(2), out.iid_comS));
@@ -134,111 +147,39 @@ TEST(ComLookups, TwoRegistrationsOfOneInterfaceMergeFieldByField)
     EXPECT_EQ(wrapC, out.wrap_comS);
     EXPECT_EQ(nullptr, out.wrap_comP);
     EXPECT_EQ(dispA, out.getdispinterface);
-
-    const char *wtype = reinterpret_cast<const char *>(0xdeadbeef);
-    poison(&out);
-    ASSERT_EQ(0, vxl_com_getifinfobyiid(guid(4), &wtype, &out));
-    EXPECT_STREQ("comP", wtype);
+    out = byIid(guid(4), "comP");
     EXPECT_TRUE(same(guid(1), out.iid_com)); // the merged record, not the bare entry
     EXPECT_EQ(wrapA, out.wrap_com);
-}
 
-TEST(ComLookups, WithinOneRegistrationTheLaterEntryWins)
-{
-    static vxl_comifinfo a = ifinfo("ITwiceInOne"), b = ifinfo("ITwiceInOne");
-    a.iid_com = guid(10);
-    a.wrap_comP = wrapA;
-    b.iid_com = guid(11);
-    static const vxl_comifinfo *const ifs[] = {&a, &b, nullptr};
-    static const vxl_comlibinfo lib = {"twice.dll", {}};
-    Registration reg(&lib, kNoComps, ifs);
-
-    vxl_comifinfo out;
-    poison(&out);
-    ASSERT_EQ(0, vxl_com_getifinfo("ITwiceInOne", &out));
-    EXPECT_EQ(b.name, out.name);
+    out = byName("ITwiceInOne");
+    EXPECT_EQ(twice2.name, out.name);
     EXPECT_TRUE(same(guid(11), out.iid_com));
     EXPECT_EQ(wrapA, out.wrap_comP);
-}
 
-TEST(ComLookups, ByIidTheNewerRegistrationsEntryAnswers)
-{
-    // Two interfaces of different names both claim guid(20).
-    static vxl_comifinfo older = ifinfo("IOldClaim"), newer = ifinfo("INewClaim");
-    older.iid_com = guid(20);
-    older.wrap_com = wrapA;
-    newer.iid_comS = guid(20);
-    newer.wrap_comS = wrapB;
-    static const vxl_comifinfo *const olderIfs[] = {&older, nullptr};
-    static const vxl_comifinfo *const newerIfs[] = {&newer, nullptr};
-    static const vxl_comlibinfo lib = {"claim.dll", {}};
-    Registration first(&lib, kNoComps, olderIfs);
-    Registration second(&lib, kNoComps, newerIfs);
-
-    const char *wtype = nullptr;
-    vxl_comifinfo out;
-    poison(&out);
-    ASSERT_EQ(0, vxl_com_getifinfobyiid(guid(20), &wtype, &out));
-    EXPECT_STREQ("comS", wtype);
+    out = byIid(guid(20), "comS");
     EXPECT_STREQ("INewClaim", out.name);
     EXPECT_EQ(wrapB, out.wrap_comS);
     EXPECT_EQ(nullptr, out.wrap_com); // IOldClaim's fields are not merged in
-}
 
-TEST(ComLookups, ByIidComparesComThenComSThenComP)
-{
-    static vxl_comifinfo a = ifinfo("IOrderA"), b = ifinfo("IOrderB");
-    a.iid_comP = guid(30);
-    a.iid_comS = guid(30);
-    a.iid_com = guid(30);
-    b.iid_comP = guid(31);
-    b.iid_comS = guid(31);
-    static const vxl_comifinfo *const ifs[] = {&a, &b, nullptr};
-    static const vxl_comlibinfo lib = {"order.dll", {}};
-    Registration reg(&lib, kNoComps, ifs);
-
-    struct Case {
-        uint32_t iid;
-        const char *name;
-        const char *wtype;
-    } cases[] = {{30, "IOrderA", "com"}, {31, "IOrderB", "comS"}};
-    for (const Case &c : cases) {
-        const char *wtype = nullptr;
-        vxl_comifinfo out;
-        poison(&out);
-        ASSERT_EQ(0, vxl_com_getifinfobyiid(guid(c.iid), &wtype, &out));
-        EXPECT_STREQ(c.wtype, wtype);
-        EXPECT_STREQ(c.name, out.name);
-    }
+    EXPECT_STREQ("IOrderA", byIid(guid(30), "com").name);
+    EXPECT_STREQ("IOrderB", byIid(guid(31), "comS").name);
 }
 
 TEST(ComLookups, UnknownKeysAnswerOneWithClearedOutputs)
 {
-    static vxl_comifinfo a = ifinfo("IKnown");
-    a.iid_com = guid(40);
-    a.iid_comS = guid(41);
-    a.iid_comP = guid(42);
+    static const vxl_comifinfo a = ifinfo("IKnown", guid(40), guid(41), guid(42));
     static const vxl_comifinfo *const ifs[] = {&a, nullptr};
     static const vxl_comlibinfo lib = {"known.dll", {}};
     Registration reg(&lib, kNoComps, ifs);
 
     LogTail tail;
-    vxl_comifinfo out;
-    poison(&out);
-    EXPECT_EQ(1, vxl_com_getifinfo("IUnknownToUs", &out));
-    expectCleared(out);
-    poison(&out);
-    EXPECT_EQ(1, vxl_com_getifinfo(nullptr, &out));
-    expectCleared(out);
+    byName("IUnknownToUs", 1);
+    byName(nullptr, 1);
     EXPECT_EQ(1, vxl_com_getifinfo("IKnown", nullptr));
-
-    const char *wtype = reinterpret_cast<const char *>(0xdeadbeef);
-    poison(&out);
-    EXPECT_EQ(1, vxl_com_getifinfobyiid(guid(43), &wtype, &out));
-    EXPECT_EQ(nullptr, wtype);
-    expectCleared(out);
+    byIid(guid(43), nullptr, 1);
+    const char *wtype = nullptr;
     EXPECT_EQ(1, vxl_com_getifinfobyiid(guid(40), &wtype, nullptr));
-    poison(&out);
+    vxl_comifinfo out;
     EXPECT_EQ(0, vxl_com_getifinfobyiid(guid(41), nullptr, &out)); // the type is optional
     EXPECT_STREQ("IKnown", out.name);
 
@@ -252,23 +193,15 @@ TEST(ComLookups, UnknownKeysAnswerOneWithClearedOutputs)
 
 TEST(ComLookups, GuidNullMatchesTheFirstUnsetField)
 {
-    static vxl_comifinfo full = ifinfo("IAllSet"), partial = ifinfo("INoComS");
-    full.iid_com = guid(50);
-    full.iid_comS = guid(51);
-    full.iid_comP = guid(52);
-    partial.iid_com = guid(53);
-    partial.iid_comP = guid(54);
+    static const vxl_comifinfo full = ifinfo("IAllSet", guid(50), guid(51), guid(52));
+    static const vxl_comifinfo partial = ifinfo("INoComS", guid(53), {}, guid(54));
     static const vxl_comifinfo *const ifs[] = {&full, &partial, nullptr};
     static const vxl_comcomponentinfo com = {"ComClass", guid(55)}, plain = {"KitOnly", GUID_NULL};
     static const vxl_comcomponentinfo *const comps[] = {&com, &plain, nullptr};
     static const vxl_comlibinfo lib = {"null.dll", {}};
     Registration reg(&lib, comps, ifs);
 
-    const char *wtype = nullptr;
-    vxl_comifinfo out;
-    poison(&out);
-    ASSERT_EQ(0, vxl_com_getifinfobyiid(GUID_NULL, &wtype, &out));
-    EXPECT_STREQ("comS", wtype);
+    vxl_comifinfo out = byIid(GUID_NULL, "comS");
     EXPECT_STREQ("INoComS", out.name);
     EXPECT_TRUE(same(GUID_NULL, out.iid_comS));
     // CLSIDs are compared as bytes too: GUID_NULL finds the non-COM component.
@@ -294,24 +227,20 @@ TEST(ComLookups, SameClsidOrNameInTwoRegistrationsFindsTheNewer)
 
 TEST(ComLookups, NamesDifferingInCaseAreDifferent)
 {
-    static vxl_comifinfo upper = ifinfo("ICaseTest"), lower = ifinfo("icasetest");
-    upper.iid_com = guid(70);
-    lower.iid_comS = guid(71);
+    static const vxl_comifinfo upper = ifinfo("ICaseTest", guid(70));
+    static const vxl_comifinfo lower = ifinfo("icasetest", {}, guid(71));
     static const vxl_comifinfo *const ifs[] = {&upper, &lower, nullptr};
     static const vxl_comcomponentinfo cu = {"CaseComp", guid(72)}, cl = {"casecomp", guid(73)};
     static const vxl_comcomponentinfo *const comps[] = {&cu, &cl, nullptr};
     static const vxl_comlibinfo lib = {"case.dll", {}};
     Registration reg(&lib, comps, ifs);
 
-    vxl_comifinfo out;
-    poison(&out);
-    ASSERT_EQ(0, vxl_com_getifinfo("icasetest", &out));
+    vxl_comifinfo out = byName("icasetest");
     EXPECT_EQ(lower.name, out.name);
     EXPECT_TRUE(same(GUID_NULL, out.iid_com));
     EXPECT_TRUE(same(guid(71), out.iid_comS));
-    EXPECT_EQ(1, vxl_com_getifinfo("ICASETEST", &out));
-    EXPECT_EQ(1, vxl_com_getifinfo("ICaseTes", &out));
-    EXPECT_EQ(1, vxl_com_getifinfo("ICaseTestX", &out));
+    for (const char *other : {"ICASETEST", "ICaseTes", "ICaseTestX"})
+        byName(other, 1);
     EXPECT_EQ(&cl, vxl_com_findcomponent("casecomp"));
     EXPECT_EQ(&cu, vxl_com_findcomponent("CaseComp"));
     EXPECT_EQ(nullptr, vxl_com_findcomponent("CASECOMP"));
@@ -321,8 +250,7 @@ TEST(ComLookups, NamesDifferingInCaseAreDifferent)
 
 TEST(ComLookups, RegisterTwiceUnregisterOnceKeepsOne)
 {
-    static vxl_comifinfo a = ifinfo("ITwiceRegistered");
-    a.iid_com = guid(80);
+    static const vxl_comifinfo a = ifinfo("ITwiceRegistered", guid(80));
     static const vxl_comifinfo *const ifs[] = {&a, nullptr};
     static const vxl_comcomponentinfo c = {"TwiceComp", guid(81)};
     static const vxl_comcomponentinfo *const comps[] = {&c, nullptr};
@@ -330,16 +258,15 @@ TEST(ComLookups, RegisterTwiceUnregisterOnceKeepsOne)
     static const vxl_comlibinfo otherLib = {"twice.dll", {}};
     LogTail tail;
     Registration first(&lib, comps, ifs);
-    vxl_comifinfo out;
     {
         Registration second(&lib, comps, ifs);
         EXPECT_EQ(1, vxl_com_unregister(&otherLib, comps, ifs));
     }
-    EXPECT_EQ(0, vxl_com_getifinfo("ITwiceRegistered", &out));
+    byName("ITwiceRegistered");
     EXPECT_EQ(&c, vxl_com_findcomponentbyclsid(guid(81)));
     EXPECT_EQ(0, vxl_com_unregister(&lib, comps, ifs));
     first.forget();
-    EXPECT_EQ(1, vxl_com_getifinfo("ITwiceRegistered", &out));
+    byName("ITwiceRegistered", 1);
     EXPECT_EQ(nullptr, vxl_com_findcomponentbyclsid(guid(81)));
     EXPECT_EQ(nullptr, vxl_com_findcomponent("TwiceComp"));
     EXPECT_EQ("vxl_com_register\nvxl_com_register\n"
@@ -351,7 +278,7 @@ TEST(ComLookups, RegisterTwiceUnregisterOnceKeepsOne)
 
 TEST(ComLookups, RecordHoldsThePointersAndEmptyCaches)
 {
-    static vxl_comifinfo a = ifinfo("ICacheA"), b = ifinfo("ICacheB"), c = ifinfo("ICacheC");
+    static const vxl_comifinfo a = ifinfo("ICacheA"), b = ifinfo("ICacheB"), c = ifinfo("ICacheC");
     static const vxl_comifinfo *const ifs[] = {&a, &b, &c, nullptr};
     static const vxl_comcomponentinfo *const comps[] = {nullptr};
     static const vxl_comlibinfo lib = {"cache.dll", {}};
@@ -391,7 +318,6 @@ TEST(ComLookups, RecordHoldsThePointersAndEmptyCaches)
 TEST(ComLookups, EmptyOrNullArraysGiveARegistrationThatFindsNothing)
 {
     static const vxl_comlibinfo lib = {"empty.dll", {}};
-    vxl_comifinfo out;
     {
         Registration empty(&lib, kNoComps, kNoIfs);
         Registration null(nullptr, nullptr, nullptr);
@@ -403,8 +329,7 @@ TEST(ComLookups, EmptyOrNullArraysGiveARegistrationThatFindsNothing)
         EXPECT_EQ(kNoIfs, head->next->interfaces);
         EXPECT_EQ(nullptr, head->next->typeinfos);
         vxl_com_unlock(VXL_REGISTRATION_LOCK);
-        const char *wtype;
-        EXPECT_EQ(1, vxl_com_getifinfobyiid(GUID_NULL, &wtype, &out));
+        byIid(GUID_NULL, nullptr, 1);
         EXPECT_EQ(nullptr, vxl_com_findcomponentbyclsid(GUID_NULL));
     }
     EXPECT_EQ(nullptr, vxl_com_registrations());

@@ -66,46 +66,46 @@ TEST(ComRegistrationFirstUse, CreatesTheComLocksAfterItsOwnLine)
     EXPECT_EQ(std::string(kReg) + "new lock init in com\n" + kDone1 + kDone2, vxltest::readLog(log));
 }
 
-TEST_F(ComRegistration, RegisterTwiceNeedsTwoUnregistrations)
-{
-    LogTail tail;
-    EXPECT_EQ(0, vxl_com_register(&kLib, kComps, kIfs));
-    EXPECT_EQ(0, vxl_com_register(&kLib, kComps, kIfs));
-    EXPECT_EQ(0, vxl_com_unregister(&kLib, kComps, kIfs));
-    EXPECT_EQ(0, vxl_com_unregister(&kLib, kComps, kIfs));
-    EXPECT_EQ(1, vxl_com_unregister(&kLib, kComps, kIfs));
-    EXPECT_EQ(std::string(kReg) + kReg + kDone1 + kDone1 + kDone2, tail.text());
-}
-
-TEST_F(ComRegistration, UnregisterMatchesAllThreePointersByIdentity)
-{
-    ASSERT_EQ(0, vxl_com_register(&kLib, kComps, kIfs));
-    LogTail tail;
-    EXPECT_EQ(1, vxl_com_unregister(&kOtherLib, kComps, kIfs));
-    EXPECT_EQ(1, vxl_com_unregister(&kLib, kOtherComps, kIfs));
-    EXPECT_EQ(1, vxl_com_unregister(&kLib, kComps, kOtherIfs));
-    EXPECT_EQ(1, vxl_com_unregister(&kOtherLib, kOtherComps, kOtherIfs));
-    EXPECT_EQ(std::string(kDone2) + kDone2 + kDone2 + kDone2, tail.text());
-    EXPECT_EQ(0, vxl_com_unregister(&kLib, kComps, kIfs)); // the failures changed nothing
-}
-
-TEST_F(ComRegistration, NeverRegisteredFailsWithDone2)
+TEST_F(ComRegistration, EachCallsResultAndTrace)
 {
     static const vxl_comlibinfo never = {"never.dll", {}};
-    LogTail tail;
-    EXPECT_EQ(1, vxl_com_unregister(&never, kComps, kIfs));
-    EXPECT_EQ(kDone2, tail.text());
-}
-
-TEST_F(ComRegistration, EmptyAndNullArraysAreRegistrationsToo)
-{
-    LogTail tail;
-    EXPECT_EQ(0, vxl_com_register(&kLib, kNoComps, kNoIfs));
-    EXPECT_EQ(0, vxl_com_register(nullptr, nullptr, nullptr));
-    EXPECT_EQ(0, vxl_com_unregister(nullptr, nullptr, nullptr));
-    EXPECT_EQ(1, vxl_com_unregister(nullptr, nullptr, nullptr));
-    EXPECT_EQ(0, vxl_com_unregister(&kLib, kNoComps, kNoIfs));
-    EXPECT_EQ(std::string(kReg) + kReg + kDone1 + kDone2 + kDone1, tail.text());
+    struct Step {
+        bool reg; // vxl_com_register, else vxl_com_unregister
+        const vxl_comlibinfo *lib;
+        const vxl_comcomponentinfo *const *comps;
+        const vxl_comifinfo *const *ifs;
+        int32_t status;
+    };
+    const Step steps[] = {
+        // Registered twice, it takes two unregistrations.
+        {true, &kLib, kComps, kIfs, 0},
+        {true, &kLib, kComps, kIfs, 0},
+        {false, &kLib, kComps, kIfs, 0},
+        {false, &kLib, kComps, kIfs, 0},
+        {false, &kLib, kComps, kIfs, 1},
+        // All three pointers must be the registered ones, not equal copies.
+        {true, &kLib, kComps, kIfs, 0},
+        {false, &kOtherLib, kComps, kIfs, 1},
+        {false, &kLib, kOtherComps, kIfs, 1},
+        {false, &kLib, kComps, kOtherIfs, 1},
+        {false, &kOtherLib, kOtherComps, kOtherIfs, 1},
+        {false, &kLib, kComps, kIfs, 0},
+        {false, &never, kComps, kIfs, 1},
+        // Empty and null arrays are registrations too.
+        {true, &kLib, kNoComps, kNoIfs, 0},
+        {true, nullptr, nullptr, nullptr, 0},
+        {false, nullptr, nullptr, nullptr, 0},
+        {false, nullptr, nullptr, nullptr, 1},
+        {false, &kLib, kNoComps, kNoIfs, 0},
+    };
+    for (size_t i = 0; i < sizeof steps / sizeof steps[0]; ++i) {
+        const Step &s = steps[i];
+        SCOPED_TRACE(i);
+        LogTail tail;
+        int32_t status = s.reg ? vxl_com_register(s.lib, s.comps, s.ifs) : vxl_com_unregister(s.lib, s.comps, s.ifs);
+        EXPECT_EQ(s.status, status);
+        EXPECT_EQ(s.reg ? kReg : s.status ? kDone2 : kDone1, tail.text());
+    }
 }
 
 TEST_F(ComRegistration, ConcurrentRegistrationsAllComeBack)

@@ -89,9 +89,8 @@ const std::string kPathC = "C:\\vxltest\\wrappers\\Third.dll";
 
 // Subkeys this program may leave behind when a test fails half-way.
 const char *const kOwnKeys[][2] = {
-    {"IVxlWregTwoPaths", "com"}, {"IVxlWregGap", "comS"},      {"IVxlWregLast", "comP"},
-    {"IVxlWregKeep", "com"},     {"IVxlWregNotThere", "com"},  {"IVxlWregCase", "comS"},
-    {"IVxlWregNoSub", "com"},    {"IVxlWregLoad", "comS"},     {"IVxlWregNoneLoads", "com"},
+    {"IVxlWregTwoPaths", "com"}, {"IVxlWregGap", "comS"},    {"IVxlWregKeep", "com"},      {"IVxlWregNotThere", "com"},
+    {"IVxlWregCase", "comS"},    {"IVxlWregNoSub", "com"},   {"IVxlWregLoad", "comS"},     {"IVxlWregNoneLoads", "com"},
     {"IVxlWregEmpty", "comP"},   {"IVxlWregNoBase", "com"},
 };
 
@@ -180,18 +179,7 @@ TEST_F(WrapperRegistry, MissingArgumentsAreRefused)
 
 // ---- unregister --------------------------------------------------------------------
 
-TEST_F(WrapperRegistry, RemovingTheLastPathDeletesTheSubkeyOnly)
-{
-    const std::string key = keyOf("IVxlWregLast", "comP");
-    ASSERT_EQ(0, vxl_com_wrapper_register(kPathA.c_str(), "IVxlWregLast", "comP"));
-    LogTail tail;
-    EXPECT_EQ(0, vxl_com_wrapper_unregister(kPathA.c_str(), "IVxlWregLast", "comP"));
-    EXPECT_FALSE(keyExists(key));
-    EXPECT_TRUE(keyExists(kBase));
-    EXPECT_EQ(unregLine(kPathA, "IVxlWregLast", "comP"), tail.text());
-}
-
-TEST_F(WrapperRegistry, RemovesOnlyTheFirstValueWithThePath)
+TEST_F(WrapperRegistry, RemovesTheFirstValueWithThePathAndAtLastTheSubkey)
 {
     const std::string key = keyOf("IVxlWregKeep", "com");
     setValue(key, "wrapper-0", kPathA);
@@ -203,36 +191,35 @@ TEST_F(WrapperRegistry, RemovesOnlyTheFirstValueWithThePath)
     EXPECT_EQ(0, vxl_com_wrapper_unregister(kPathB.c_str(), "IVxlWregKeep", "com"));
     EXPECT_EQ(0, vxl_com_wrapper_unregister(kPathA.c_str(), "IVxlWregKeep", "com"));
     EXPECT_FALSE(keyExists(key));
+    EXPECT_TRUE(keyExists(kBase)) << "only the subkey goes";
     EXPECT_EQ(unregLine(kPathA, "IVxlWregKeep", "com") + unregLine(kPathB, "IVxlWregKeep", "com") +
                   unregLine(kPathA, "IVxlWregKeep", "com"),
               tail.text());
 }
 
-TEST_F(WrapperRegistry, PathNotRegisteredOrDifferingInCaseIsNotRemoved)
+TEST_F(WrapperRegistry, PathNotRegisteredDifferingInCaseOrWithoutSubkeyIsNotRemoved)
 {
     struct Case {
-        const char *ifname;
-        std::string stored, asked;
+        const char *ifname, *wtype;
+        std::string stored, asked; // stored "": no subkey
+        const char *failure;
     } cases[] = {
-        {"IVxlWregNotThere", kPathA, kPathB},
-        {"IVxlWregCase", "C:\\Dir\\Wrapper.dll", "c:\\dir\\wrapper.dll"},
+        {"IVxlWregNotThere", "com", kPathA, kPathB, "failed(3)"},
+        {"IVxlWregCase", "comS", "C:\\Dir\\Wrapper.dll", "c:\\dir\\wrapper.dll", "failed(3)"},
+        {"IVxlWregNoSub", "com", "", kPathA, "failed(2) 0x2"},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.ifname);
-        const char *wtype = std::string(c.ifname) == "IVxlWregCase" ? "comS" : "com";
-        ASSERT_EQ(0, vxl_com_wrapper_register(c.stored.c_str(), c.ifname, wtype));
+        if (!c.stored.empty()) {
+            ASSERT_EQ(0, vxl_com_wrapper_register(c.stored.c_str(), c.ifname, c.wtype));
+        }
         LogTail tail;
-        EXPECT_EQ(1, vxl_com_wrapper_unregister(c.asked.c_str(), c.ifname, wtype));
-        EXPECT_EQ((Values{{"wrapper-0", c.stored + "|0"}}), valuesOf(keyOf(c.ifname, wtype)));
-        EXPECT_EQ(unregLine(c.asked, c.ifname, wtype) + "wrapper unregister failed(3)\n", tail.text());
+        EXPECT_EQ(1, vxl_com_wrapper_unregister(c.asked.c_str(), c.ifname, c.wtype));
+        if (!c.stored.empty()) {
+            EXPECT_EQ((Values{{"wrapper-0", c.stored + "|0"}}), valuesOf(keyOf(c.ifname, c.wtype)));
+        }
+        EXPECT_EQ(unregLine(c.asked, c.ifname, c.wtype) + "wrapper unregister " + c.failure + "\n", tail.text());
     }
-}
-
-TEST_F(WrapperRegistry, MissingSubkeyFailsAtStepTwo)
-{
-    LogTail tail;
-    EXPECT_EQ(1, vxl_com_wrapper_unregister(kPathA.c_str(), "IVxlWregNoSub", "com"));
-    EXPECT_EQ(unregLine(kPathA, "IVxlWregNoSub", "com") + "wrapper unregister failed(2) 0x2\n", tail.text());
 }
 
 TEST_F(WrapperRegistry, MissingBaseKeyFailsAtStepOne)
@@ -253,13 +240,6 @@ TEST_F(WrapperRegistry, MissingBaseKeyFailsAtStepOne)
 }
 
 // ---- tryload -----------------------------------------------------------------------
-
-TEST_F(WrapperRegistry, TryloadWithoutSubkeyFails)
-{
-    LogTail tail;
-    EXPECT_EQ(1, vxl_com_wrapper_tryload("IVxlWregNoSub", "comP"));
-    EXPECT_EQ(tryLine("IVxlWregNoSub", "comP") + "vxl_com_wrapper_tryload() openkey failed 2\n", tail.text());
-}
 
 TEST_F(WrapperRegistry, TryloadPassesOverALibraryMissingFromDisk)
 {
@@ -282,7 +262,7 @@ TEST_F(WrapperRegistry, TryloadPassesOverALibraryMissingFromDisk)
     EXPECT_EQ(2u, valuesOf(key).size()); // loading changes nothing in the registry
 }
 
-TEST_F(WrapperRegistry, TryloadFailsWhenNothingLoads)
+TEST_F(WrapperRegistry, TryloadFailsWithoutSubkeyOrWhenNothingLoads)
 {
     const std::string missing1 = "C:\\vxltest\\missing1.dll", missing2 = "C:\\vxltest\\missing2.dll";
     setValue(keyOf("IVxlWregNoneLoads", "com"), "wrapper-0", missing1);
@@ -291,6 +271,10 @@ TEST_F(WrapperRegistry, TryloadFailsWhenNothingLoads)
     ASSERT_EQ(ERROR_SUCCESS, RegCreateKeyExA(HKEY_LOCAL_MACHINE, keyOf("IVxlWregEmpty", "comP").c_str(), 0,
                                              nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr));
     RegCloseKey(key);
+
+    LogTail none;
+    EXPECT_EQ(1, vxl_com_wrapper_tryload("IVxlWregNoSub", "comP"));
+    EXPECT_EQ(tryLine("IVxlWregNoSub", "comP") + "vxl_com_wrapper_tryload() openkey failed 2\n", none.text());
 
     LogTail tail;
     EXPECT_EQ(1, vxl_com_wrapper_tryload("IVxlWregNoneLoads", "com"));
