@@ -12,26 +12,17 @@
 
 namespace {
 
-std::wstring bstrText(BSTR b)
-{
-    return std::wstring(b, SysStringLen(b));
-}
+std::wstring bstrText(BSTR b) { return std::wstring(b, SysStringLen(b)); }
 
-// A COM object that only counts: every AddRef and Release is recorded.
+// A COM object that only counts its references and Release calls.
 class CountingUnknown : public IUnknown {
 public:
     ULONG refs = 1;
     int releases = 0;
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void **out) override
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID, void **out) override
     {
-        if (!out)
-            return E_POINTER;
         *out = nullptr;
-        if (!IsEqualIID(iid, IID_IUnknown))
-            return E_NOINTERFACE;
-        *out = this;
-        AddRef();
-        return S_OK;
+        return E_NOINTERFACE;
     }
     ULONG STDMETHODCALLTYPE AddRef() override { return ++refs; }
     ULONG STDMETHODCALLTYPE Release() override
@@ -55,67 +46,40 @@ TEST(Strings, NullInputsGiveNullOrDoNothing)
     EXPECT_EQ("", tail.text()); // none of the string functions traces
 }
 
-TEST(Strings, EmptyStringIsAnEmptyBstrNotNull)
-{
-    BSTR b = vxl_com_str2bstr("");
-    ASSERT_NE(nullptr, b);
-    EXPECT_EQ(0u, SysStringLen(b));
-    EXPECT_EQ(L'\0', b[0]);
-    char *back = vxl_com_bstr2str(b);
-    ASSERT_NE(nullptr, back);
-    EXPECT_STREQ("", back);
-    vxl_free(back);
-    vxl_com_freebstr(b);
-
-    BSTR empty = SysAllocStringLen(nullptr, 0);
-    char *s = vxl_com_bstr2str(empty);
-    ASSERT_NE(nullptr, s);
-    EXPECT_EQ('\0', s[0]);
-    vxl_free(s);
-    SysFreeString(empty);
-}
-
 TEST(Strings, RoundTripsThroughTheAnsiCodePage)
 {
     ASSERT_EQ(1252u, GetACP()) << "the expected characters below are those of code page 1252";
+    std::string printable;
+    for (int c = 0x20; c <= 0xFF; ++c)
+        printable += static_cast<char>(c);
     struct Case {
-        const char *narrow;
-        std::wstring wide;
+        std::string narrow;
+        const wchar_t *wide; // null: only the length is known
     };
     const Case cases[] = {
+        {"", L""}, // an empty BSTR, not null
         {"a", L"a"},
         {"Hello, COM world!", L"Hello, COM world!"},
         {"\xe9\xfc\x80", L"\u00e9\u00fc\u20ac"},
         {"caf\xe9 \x80 5", L"caf\u00e9 \u20ac 5"},
         {"\x9f\xff\xa0", L"\u0178\u00ff\u00a0"},
+        {printable, nullptr},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.narrow);
-        BSTR b = vxl_com_str2bstr(c.narrow);
+        BSTR b = vxl_com_str2bstr(c.narrow.c_str());
         ASSERT_NE(nullptr, b);
-        EXPECT_EQ(c.wide, bstrText(b));
+        if (c.wide) {
+            EXPECT_EQ(c.wide, bstrText(b));
+        }
+        EXPECT_EQ(c.narrow.size(), SysStringLen(b));
         EXPECT_EQ(L'\0', b[SysStringLen(b)]);
         char *back = vxl_com_bstr2str(b);
         ASSERT_NE(nullptr, back);
-        EXPECT_STREQ(c.narrow, back);
+        EXPECT_EQ(c.narrow, back);
         vxl_free(back);
         vxl_com_freebstr(b);
     }
-}
-
-TEST(Strings, EveryPrintableByteRoundTrips)
-{
-    std::string all;
-    for (int c = 0x20; c <= 0xFF; ++c)
-        all += static_cast<char>(c);
-    BSTR b = vxl_com_str2bstr(all.c_str());
-    ASSERT_NE(nullptr, b);
-    EXPECT_EQ(all.size(), SysStringLen(b));
-    char *back = vxl_com_bstr2str(b);
-    ASSERT_NE(nullptr, back);
-    EXPECT_EQ(all, std::string(back));
-    vxl_free(back);
-    vxl_com_freebstr(b);
 }
 
 TEST(Strings, EmbeddedNulEndsTheNarrowString)
