@@ -47,12 +47,8 @@ int64_t S(const char *s) { return static_cast<int64_t>(reinterpret_cast<intptr_t
 Rec row(int64_t piunk, int64_t pcomif, int64_t pdef, int64_t pif, const char *ifname, const char *wtype)
 {
     Rec r;
-    r.c[PIUNK] = piunk;
-    r.c[PCOMIF] = pcomif;
-    r.c[PDEF] = pdef;
-    r.c[PIF] = pif;
-    r.c[IFNAME] = S(ifname);
-    r.c[WTYPE] = S(wtype);
+    const int64_t columns[NCOLS] = {piunk, pcomif, pdef, pif, S(ifname), S(wtype)};
+    std::copy(columns, columns + NCOLS, r.c);
     return r;
 }
 
@@ -83,12 +79,28 @@ std::vector<Rec> drain(void *idx, Rec &key)
 
 bool sameRow(const Rec &a, const Rec &b) { return std::memcmp(a.c, b.c, sizeof a.c) == 0; }
 
+// A record with one column set, every other one kDead.
+Rec only(int col, int64_t v)
+{
+    Rec r;
+    r.c[col] = v;
+    return r;
+}
+
+// Whether idx finds a row whose column col holds v.
+bool has(void *idx, int col, int64_t v)
+{
+    Rec r = only(col, v);
+    return trn_select(idx, r.data()) == 0;
+}
+
 // ---- many rows ---------------------------------------------------------------
 
 TEST(Tarnel, HundredThousandRowsInsertSelectDelete)
 {
     constexpr int kRows = 100000;
     static const char *names[] = {"IAlpha", "IBeta", "IGamma"};
+    const char *com = "com", *comS = "comS";
     void *table = wrapperTable();
     ASSERT_NE(table, nullptr);
     void *byPif = index(table, kUnique, {PIF});
@@ -97,158 +109,110 @@ TEST(Tarnel, HundredThousandRowsInsertSelectDelete)
     ASSERT_NE(byName, nullptr);
     // Keys shaped like heap pointers: only the high bits vary much.
     auto pif = [](int i) { return P(0x7ff600000000ull + uintptr_t(i) * 32); };
+    auto rowOf = [&](int i, const char *wtype) { return row(P(i), P(i + 1), P(i + 2), pif(i), names[i % 3], wtype); };
+    auto nameKey = [&](int i) { return row(P(i), kDead, kDead, kDead, names[i % 3], "x"); };
 
-    for (int i = 0; i < kRows; ++i) {
-        Rec r = row(P(i), P(i + 1), P(i + 2), pif(i), names[i % 3], "com");
-        ASSERT_EQ(trn_insert(table, r.data()), 0) << i;
-    }
+    for (int i = 0; i < kRows; ++i)
+        ASSERT_EQ(trn_insert(table, rowOf(i, com).data()), 0) << i;
     EXPECT_EQ(trn_rowcount(table), kRows);
 
     // An index made after the rows exist finds them too.
     void *byPcomif = index(table, kUnique, {PCOMIF});
     ASSERT_NE(byPcomif, nullptr);
-
     for (int i = 0; i < kRows; ++i) {
-        Rec r;
-        r.c[PIF] = pif(i);
+        Rec r = only(PIF, pif(i)), s = only(PCOMIF, P(i + 1));
         ASSERT_EQ(trn_select(byPif, r.data()), 0) << i;
-        Rec want = row(P(i), P(i + 1), P(i + 2), pif(i), names[i % 3], "com");
-        ASSERT_TRUE(sameRow(r, want)) << i;
-        Rec s;
-        s.c[PCOMIF] = P(i + 1);
         ASSERT_EQ(trn_select(byPcomif, s.data()), 0) << i;
-        ASSERT_TRUE(sameRow(s, want)) << i;
+        ASSERT_TRUE(sameRow(r, rowOf(i, com)) && sameRow(s, rowOf(i, com))) << i;
     }
-    Rec missing;
-    missing.c[PIF] = pif(kRows);
+    Rec missing = only(PIF, pif(kRows));
     EXPECT_NE(trn_select(byPif, missing.data()), 0);
-    Rec untouched;
-    untouched.c[PIF] = pif(kRows);
-    EXPECT_TRUE(sameRow(missing, untouched)) << "a failed select leaves the record alone";
+    EXPECT_TRUE(sameRow(missing, only(PIF, pif(kRows)))) << "a failed select leaves the record alone";
 
     // Delete every row through its key only, odd ones first.
     for (int pass = 1; pass >= 0; --pass)
         for (int i = pass; i < kRows; i += 2) {
-            Rec r;
-            r.c[PIF] = pif(i);
+            Rec r = only(PIF, pif(i));
             ASSERT_EQ(trn_delete(byPif, r.data()), 0) << i;
             ASSERT_NE(trn_delete(byPif, r.data()), 0) << i;
         }
     EXPECT_EQ(trn_rowcount(table), 0);
     for (int i = 0; i < kRows; i += 997) {
-        Rec r;
-        r.c[PIF] = pif(i);
-        EXPECT_NE(trn_select(byPif, r.data()), 0);
-        r.c[PCOMIF] = P(i + 1);
-        EXPECT_NE(trn_select(byPcomif, r.data()), 0);
-        Rec k = row(P(i), kDead, kDead, kDead, names[i % 3], "com");
+        EXPECT_FALSE(has(byPif, PIF, pif(i)));
+        EXPECT_FALSE(has(byPcomif, PCOMIF, P(i + 1)));
+        Rec k = nameKey(i);
         EXPECT_TRUE(drain(byName, k).empty());
     }
 
     // Freed slots are used again and every index stays consistent.
-    for (int i = 0; i < kRows; ++i) {
-        Rec r = row(P(i), P(i + 1), P(i + 2), pif(i), names[i % 3], "comS");
-        ASSERT_EQ(trn_insert(table, r.data()), 0);
-    }
+    for (int i = 0; i < kRows; ++i)
+        ASSERT_EQ(trn_insert(table, rowOf(i, comS).data()), 0);
     EXPECT_EQ(trn_rowcount(table), kRows);
     for (int i = 0; i < kRows; i += 101) {
-        Rec k = row(P(i), kDead, kDead, kDead, names[i % 3], "x");
+        Rec k = nameKey(i);
         std::vector<Rec> got = drain(byName, k);
         ASSERT_EQ(got.size(), 1u) << i;
-        EXPECT_EQ(got[0].c[PIF], pif(i));
-        EXPECT_STREQ(reinterpret_cast<const char *>(got[0].c[WTYPE]), "comS");
+        EXPECT_TRUE(sameRow(got[0], rowOf(i, comS))) << i;
     }
 }
 
 // ---- duplicate keys --------------------------------------------------------
 
-TEST(Tarnel, UniqueStyleIndexKeepsBothRowsOfOneKey)
-{
-    void *table = wrapperTable();
-    void *byName = index(table, kUnique, {PIUNK, IFNAME, WTYPE});
-    void *byPair = index(table, kUnique, {PCOMIF, PIF});
-    ASSERT_NE(byName, nullptr);
-    ASSERT_NE(byPair, nullptr);
-    Rec a = row(0x1000, 0x2000, 0x3000, 0x4000, "IFoo", "com");
-    Rec b = row(0x1000, 0x2100, 0x3000, 0x4100, "IFoo", "com");
-    ASSERT_EQ(trn_insert(table, a.data()), 0);
-    ASSERT_EQ(trn_insert(table, b.data()), 0) << "a second row with an existing key is kept";
-    EXPECT_EQ(trn_rowcount(table), 2);
-
-    Rec key = row(0x1000, kDead, kDead, kDead, "IFoo", "com");
-    Rec found = key;
-    ASSERT_EQ(trn_select(byName, found.data()), 0);
-    EXPECT_TRUE(sameRow(found, a) || sameRow(found, b));
-    EXPECT_EQ(drain(byName, key = row(0x1000, kDead, kDead, kDead, "IFoo", "com")).size(), 2u);
-
-    // Delete by key alone removes one row at a time.
-    Rec del = row(0x1000, kDead, kDead, kDead, "IFoo", "com");
-    ASSERT_EQ(trn_delete(byName, del.data()), 0);
-    EXPECT_EQ(trn_rowcount(table), 1);
-    Rec rest = del;
-    ASSERT_EQ(trn_select(byName, rest.data()), 0);
-    EXPECT_TRUE(sameRow(rest, a) || sameRow(rest, b));
-    // The row removed is gone from the other index too; the other stays.
-    Rec pa = a, pb = b;
-    int left = (trn_select(byPair, pa.data()) == 0) + (trn_select(byPair, pb.data()) == 0);
-    EXPECT_EQ(left, 1);
-    ASSERT_EQ(trn_delete(byName, del.data()), 0);
-    EXPECT_NE(trn_delete(byName, del.data()), 0);
-    EXPECT_EQ(trn_rowcount(table), 0);
-}
-
-TEST(Tarnel, SelectThenDeleteRemovesExactlyTheSelectedRow)
+TEST(Tarnel, DuplicateKeysOfAUniqueIndexAreKeptAndDeletedOneAtATime)
 {
     void *table = wrapperTable();
     void *byName = index(table, kUnique, {PIUNK, IFNAME, WTYPE});
     void *byPif = index(table, kUnique, {PIF});
+    ASSERT_NE(byName, nullptr);
     ASSERT_NE(byPif, nullptr);
-    std::set<int64_t> live;
-    for (int i = 0; i < 5; ++i) {
-        Rec r = row(0x77, 0x500 + i, 0x88, 0x900 + i, "IDup", "comP");
-        ASSERT_EQ(trn_insert(table, r.data()), 0);
-        live.insert(r.c[PIF]);
-    }
+    std::set<int64_t> live; // PIF of the rows that must be there
+    auto fill = [&] {
+        for (int i = 0; i < 5; ++i) {
+            Rec r = row(0x77, 0x500 + i, 0x88, 0x900 + i, "IDup", "comP");
+            ASSERT_EQ(trn_insert(table, r.data()), 0) << "a row with an existing key is kept";
+            live.insert(r.c[PIF]);
+        }
+    };
+    // Seen through the other index: exactly the live rows are left.
+    auto expectLive = [&] {
+        EXPECT_EQ(trn_rowcount(table), int64_t(live.size()));
+        for (int64_t p = 0x900; p < 0x905; ++p)
+            EXPECT_EQ(live.count(p) == 1, has(byPif, PIF, p)) << std::hex << p;
+    };
+    auto key = [] { return row(0x77, kDead, kDead, kDead, "IDup", "comP"); };
+
+    fill();
+    Rec k = key();
+    EXPECT_EQ(drain(byName, k).size(), 5u);
+    // Delete by key alone removes one row, whichever it is.
+    k = key();
+    ASSERT_EQ(trn_delete(byName, k.data()), 0);
+    for (auto it = live.begin(); it != live.end();)
+        it = has(byPif, PIF, *it) ? std::next(it) : live.erase(it);
+    EXPECT_EQ(live.size(), 4u);
+    expectLive();
+    // Select then delete with the record select filled: the selected row goes.
     while (!live.empty()) {
-        Rec r = row(0x77, kDead, kDead, kDead, "IDup", "comP");
+        Rec r = key();
         ASSERT_EQ(trn_select(byName, r.data()), 0);
         ASSERT_EQ(live.count(r.c[PIF]), 1u);
         ASSERT_EQ(trn_delete(byName, r.data()), 0);
         live.erase(r.c[PIF]);
-        Rec gone;
-        gone.c[PIF] = r.c[PIF];
-        EXPECT_NE(trn_select(byPif, gone.data()), 0) << "the selected row is the one removed";
-        for (int64_t p : live) {
-            Rec still;
-            still.c[PIF] = p;
-            EXPECT_EQ(trn_select(byPif, still.data()), 0);
-        }
-        EXPECT_EQ(trn_rowcount(table), int64_t(live.size()));
+        expectLive();
     }
+    k = key();
+    EXPECT_NE(trn_delete(byName, k.data()), 0);
 
     // A record found through another index names one particular row among
     // those sharing its key; deleting through the shared key removes that one.
-    for (int i = 0; i < 5; ++i) {
-        Rec r = row(0x77, 0x500 + i, 0x88, 0x900 + i, "IDup", "comP");
-        ASSERT_EQ(trn_insert(table, r.data()), 0);
-        live.insert(r.c[PIF]);
-    }
+    fill();
     for (int64_t p : {0x902, 0x900, 0x904, 0x901, 0x903}) {
-        Rec r;
-        r.c[PIF] = p;
+        Rec r = only(PIF, p);
         ASSERT_EQ(trn_select(byPif, r.data()), 0);
         ASSERT_EQ(trn_delete(byName, r.data()), 0);
         live.erase(p);
-        Rec gone;
-        gone.c[PIF] = p;
-        EXPECT_NE(trn_select(byPif, gone.data()), 0) << std::hex << p;
-        for (int64_t q : live) {
-            Rec still;
-            still.c[PIF] = q;
-            EXPECT_EQ(trn_select(byPif, still.data()), 0) << std::hex << q;
-        }
+        expectLive();
     }
-    EXPECT_EQ(trn_rowcount(table), 0);
 }
 
 // ---- cursors ---------------------------------------------------------------
@@ -271,8 +235,7 @@ TEST(Tarnel, NonUniqueCursorYieldsEveryMatchingRowOnce)
                 ++serial;
             }
     for (auto &e : expected) {
-        Rec key;
-        key.c[PDEF] = e.first;
+        Rec key = only(PDEF, e.first);
         std::multiset<int64_t> got;
         for (const Rec &r : drain(byDef, key)) {
             EXPECT_EQ(r.c[PDEF], e.first);
@@ -281,8 +244,7 @@ TEST(Tarnel, NonUniqueCursorYieldsEveryMatchingRowOnce)
         EXPECT_EQ(got, e.second) << "key " << e.first;
         EXPECT_EQ(std::set<int64_t>(got.begin(), got.end()).size(), got.size()) << "no row twice";
     }
-    Rec none;
-    none.c[PDEF] = 0x4000;
+    Rec none = only(PDEF, 0x4000);
     EXPECT_TRUE(drain(byDef, none).empty());
     for (int i = 0; i < NCOLS; ++i)
         EXPECT_EQ(none.c[i], i == PDEF ? 0x4000 : kDead) << "an empty cursor writes nothing";
@@ -297,8 +259,7 @@ TEST(Tarnel, DeletesWhileCursorIsOpenAreSkipped)
         Rec r = row(1, 2, 0xabc0, 0x100 + i, "I", "com");
         ASSERT_EQ(trn_insert(table, r.data()), 0);
     }
-    Rec key;
-    key.c[PDEF] = 0xabc0;
+    Rec key = only(PDEF, 0xabc0);
     void *cursor = trn_opencursor(byDef, key.data(), key.data());
     ASSERT_NE(cursor, nullptr);
     std::set<int64_t> seen;
@@ -312,8 +273,7 @@ TEST(Tarnel, DeletesWhileCursorIsOpenAreSkipped)
             removed.insert(0x100 + i);
     removed.insert(key.c[PIF]);
     for (int64_t p : removed) {
-        Rec d;
-        d.c[PIF] = p;
+        Rec d = only(PIF, p);
         ASSERT_EQ(trn_delete(byPif, d.data()), 0);
     }
     for (int i = 0; i < 3; ++i) {
@@ -334,8 +294,7 @@ TEST(Tarnel, DeletesWhileCursorIsOpenAreSkipped)
     key.c[PDEF] = 0xabc0;
     cursor = trn_opencursor(byDef, key.data(), key.data());
     ASSERT_NE(cursor, nullptr);
-    Rec d;
-    d.c[PDEF] = 0xabc0;
+    Rec d = only(PDEF, 0xabc0);
     while (trn_delete(byDef, d.data()) == 0) {
     }
     EXPECT_EQ(trn_rowcount(table), 0);
@@ -489,18 +448,13 @@ TEST(Tarnel, BadArgumentsAreRefused)
 
 TEST(Tarnel, WrapperTableAsTheRuntimeUsesIt)
 {
-    void *table = trn_createtable(kTableOptions, kWrapperColumns);
+    void *table = wrapperTable();
     ASSERT_NE(table, nullptr);
-    const int32_t keyObject[] = {PDEF, -1};
-    const int32_t keyObjectName[] = {PDEF, IFNAME, WTYPE, -1};
-    const int32_t keyIdentity[] = {PIUNK, -1};
-    const int32_t keyPair[] = {PCOMIF, PIF, -1};
-    const int32_t keyIdentityName[] = {PIUNK, IFNAME, WTYPE, -1};
-    void *byObject = trn_createindex(table, kMulti, keyObject);
-    void *byObjectName = trn_createindex(table, kUnique, keyObjectName);
-    void *byIdentity = trn_createindex(table, kMulti, keyIdentity);
-    void *byPair = trn_createindex(table, kUnique, keyPair);
-    void *byIdentityName = trn_createindex(table, kUnique, keyIdentityName);
+    void *byObject = index(table, kMulti, {PDEF});
+    void *byObjectName = index(table, kUnique, {PDEF, IFNAME, WTYPE});
+    void *byIdentity = index(table, kMulti, {PIUNK});
+    void *byPair = index(table, kUnique, {PCOMIF, PIF});
+    void *byIdentityName = index(table, kUnique, {PIUNK, IFNAME, WTYPE});
     for (void *x : {byObject, byObjectName, byIdentity, byPair, byIdentityName})
         ASSERT_NE(x, nullptr);
 
@@ -528,11 +482,9 @@ TEST(Tarnel, WrapperTableAsTheRuntimeUsesIt)
     EXPECT_EQ(trn_rowcount(table), 5);
 
     // Identity lookups: fetch once, use only the first row.
-    Rec k;
-    k.c[PDEF] = 0xA000;
+    Rec k = only(PDEF, 0xA000);
     EXPECT_EQ(drain(byObject, k).size(), 4u);
-    k.fill(kDead);
-    k.c[PIUNK] = 0xB100;
+    k = only(PIUNK, 0xB100);
     std::vector<Rec> b = drain(byIdentity, k);
     ASSERT_EQ(b.size(), 1u);
     EXPECT_EQ(b[0].c[PDEF], 0xB000);
@@ -548,8 +500,7 @@ TEST(Tarnel, WrapperTableAsTheRuntimeUsesIt)
     // Each wrapper or proxy deletes its own row: select by pair, then delete
     // through the same index with the record select filled.
     for (size_t i : {4, 1, 3, 2, 0}) {
-        Rec r;
-        r.c[PCOMIF] = rows[i].rec.c[PCOMIF];
+        Rec r = only(PCOMIF, rows[i].rec.c[PCOMIF]);
         r.c[PIF] = rows[i].rec.c[PIF];
         ASSERT_EQ(trn_select(byPair, r.data()), 0) << i;
         ASSERT_TRUE(sameRow(r, rows[i].rec)) << i;
@@ -557,10 +508,9 @@ TEST(Tarnel, WrapperTableAsTheRuntimeUsesIt)
         EXPECT_STREQ(reinterpret_cast<char *>(r.c[IFNAME]), rows[i].name) << "the table left the strings alone";
         free(rows[i].name);
         free(rows[i].type);
-        Rec again;
-        again.c[PCOMIF] = rows[i].rec.c[PCOMIF];
-        again.c[PIF] = rows[i].rec.c[PIF];
-        EXPECT_NE(trn_select(byPair, again.data()), 0) << i;
+        r = only(PCOMIF, rows[i].rec.c[PCOMIF]);
+        r.c[PIF] = rows[i].rec.c[PIF];
+        EXPECT_NE(trn_select(byPair, r.data()), 0) << i;
         if (i == 4) {
             // The nested twin is still found by identity and name.
             Rec t = row(0xA100, kDead, kDead, kDead, "IThird", "comP");
