@@ -42,7 +42,6 @@ const vxl_componentinterface *const methodIfs[] = {&withMethod, &plain};
 const vxl_componentinterface *const brokenIfs[] = {&plain, &broken};
 
 #define PLAIN(name) {name, 1, plainIfs, create, destroy, nullptr}
-const vxl_componentdef facReuse = PLAIN("FacReuse");
 const vxl_componentdef facCreate = PLAIN("FacCreate");
 const vxl_componentdef never1 = PLAIN("Never1");
 const vxl_componentdef never2 = PLAIN("Never2");
@@ -57,7 +56,7 @@ const vxl_componentdef races[] = {RACE("Race0"), RACE("Race1"), RACE("Race2"), R
                                   RACE("Race4"), RACE("Race5"), RACE("Race6"), RACE("Race7")};
 
 const vxl_componentdef *const localComponents[] = {
-    &facReuse, &facCreate, &never1, &never2,   &use1,     &use2,     &use3,     &useHandle, &badCount,
+    &facCreate, &never1, &never2,   &use1,     &use2,     &use3,     &useHandle, &badCount,
     &badMethods, &races[0], &races[1], &races[2], &races[3], &races[4], &races[5], &races[6], &races[7], nullptr};
 const vxl_interfacedef *const localInterfaces[] = {&iPlain, &iOneMethod, &iBroken, nullptr};
 
@@ -84,25 +83,6 @@ std::string encapsulated(const std::string &log)
 }
 
 } // namespace
-
-TEST_F(Factories, AGivenBackFactoryIsReusedWithoutABuild)
-{
-    vxl_classfactory *f1 = nullptr, *f2 = nullptr;
-    vxltest::LogTail first;
-    ASSERT_EQ(0, vxl_createclassfactory(&f1, "FacReuse"));
-    EXPECT_EQ("vxl_createclassfactory\ncreateclassfactory FacReuse = " + hex(f1) + ">\n", first.text());
-    EXPECT_EQ(1, kt::usecount(f1));
-    EXPECT_EQ(0, vxl_destroyclassfactory(f1));
-    EXPECT_EQ(0, kt::usecount(f1));
-
-    vxltest::LogTail second;
-    ASSERT_EQ(0, vxl_createclassfactory(&f2, "FacReuse"));
-    EXPECT_EQ(f1, f2);
-    EXPECT_EQ("vxl_createclassfactory\n", second.text());
-    EXPECT_EQ(1, kt::usecount(f2));
-    EXPECT_EQ(0, vxl_destroyclassfactory(f2));
-    EXPECT_EQ(0, kt::usecount(f2));
-}
 
 TEST_F(Factories, UnknownClassIsStatusFiveEverywhere)
 {
@@ -241,12 +221,9 @@ TEST_F(Factories, InuseWithoutFactoriesSaysNo)
 {
     const vxl_componentdef *const never[] = {&never1, &never2, nullptr};
     const vxl_componentdef *const empty[] = {nullptr};
-    struct Case {
-        const vxl_componentdef *const *list;
-    } cases[] = {{never}, {empty}, {nullptr}};
-    for (const Case &c : cases) {
+    for (const vxl_componentdef *const *list : {never, empty, static_cast<const vxl_componentdef *const *>(nullptr)}) {
         vxltest::LogTail tail;
-        EXPECT_EQ(0, vxl_inuse(c.list));
+        EXPECT_EQ(0, vxl_inuse(list));
         EXPECT_EQ("vxl_inuse: no\n", tail.text());
     }
 }

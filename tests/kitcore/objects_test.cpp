@@ -73,11 +73,7 @@ protected:
         ASSERT_EQ(0, registered);
         *tc_getcontrol() = tc_control{};
     }
-    void TearDown() override
-    {
-        tc_getcontrol()->createstatus = 0;
-        tc_getcontrol()->destroystatus = 0;
-    }
+    void TearDown() override { tc_getcontrol()->destroystatus = 0; }
 };
 
 using kt::deadbeef;

@@ -51,9 +51,7 @@ typedef int64_t (*tc_mixedB)(void *self, double b, int32_t a, float d, int64_t c
 typedef float (*tc_floats)(void *self, float a, float b, float c, float d, float e, float f);
 
 struct tc_control {
-    int32_t createstatus;  // returned by create (non-zero: no implementation made)
     int32_t destroystatus; // returned by destroy (non-zero: implementation kept)
-    int32_t creates;
     int32_t destroys;
     int32_t initcalls; // runs of vxl_dll_init
     tc_call last;
