@@ -30,52 +30,36 @@ struct WideInterface {
     }
 };
 
-int registerAll(std::vector<WideInterface *> classes)
-{
-    static std::vector<const vxl_componentdef *> components;
-    static std::vector<const vxl_interfacedef *> interfaces;
-    for (WideInterface *c : classes) {
-        components.push_back(&c->component);
-        interfaces.push_back(&c->def);
-    }
-    components.push_back(nullptr);
-    interfaces.push_back(nullptr);
-    return vxl_register("stubmemory_test", components.data(), interfaces.data());
-}
-
-std::string built(const char *classname, vxl_classfactory *factory)
-{
-    return kt::fmt("createclassfactory %s = %x>\n", classname, VXL_PTR(factory));
-}
-
-std::string chunk(int32_t size, const void *address)
-{
-    return kt::fmt("allocated %d bytes for trampoline = %x\n", size, VXL_PTR(address));
-}
-
 } // namespace
 
 VXL_CHILD(growing_chunks)
 {
-    static WideInterface none("NoMethods", "INoMethods", 0);
-    static WideInterface small1("Small1", "ISmall1", 2);
-    static WideInterface big1("Big1", "IBig1", 20000);  // 320000 bytes: the next doubling, 524288, holds it
-    static WideInterface big2("Big2", "IBig2", 70000);  // 1120000 bytes: 1048576 is short, 2097152 holds it
-    static WideInterface small2("Small2", "ISmall2", 3); // fits behind Big2
-    if (registerAll({&none, &small1, &big1, &big2, &small2}) != 0)
+    static WideInterface classes[5] = {
+        {"NoMethods", "INoMethods", 0},
+        {"Small1", "ISmall1", 2}, // the process's first stubs: the first chunk
+        {"Big1", "IBig1", 20000}, // 320000 bytes: the next doubling, 524288, holds it
+        {"Big2", "IBig2", 70000}, // 1120000 bytes: 1048576 is short, 2097152 holds it
+        {"Small2", "ISmall2", 3}, // fits behind Big2
+    };
+    const int32_t chunks[5] = {0, 262144, 524288, 2097152, 0}; // 0: no new chunk
+    const vxl_componentdef *components[6] = {};
+    const vxl_interfacedef *interfaces[6] = {};
+    for (int c = 0; c < 5; ++c) {
+        components[c] = &classes[c].component;
+        interfaces[c] = &classes[c].def;
+    }
+    if (vxl_register("stubmemory_test", components, interfaces) != 0)
         return 10;
 
-    const char *names[5] = {"NoMethods", "Small1", "Big1", "Big2", "Small2"};
-    const int32_t chunks[5] = {0, 262144, 524288, 2097152, 0}; // 0: no new chunk
     vxl_classfactory *f[5] = {};
     std::string expected;
     for (int c = 0; c < 5; ++c) {
-        if (vxl_createclassfactory(&f[c], names[c]) != 0)
+        if (vxl_createclassfactory(&f[c], classes[c].component.name) != 0)
             return 11;
         expected += "vxl_createclassfactory\n";
         if (chunks[c])
-            expected += chunk(chunks[c], f[c]->stubblocks[0]);
-        expected += built(names[c], f[c]);
+            expected += kt::fmt("allocated %d bytes for trampoline = %x\n", chunks[c], VXL_PTR(f[c]->stubblocks[0]));
+        expected += kt::fmt("createclassfactory %s = %x>\n", classes[c].component.name, VXL_PTR(f[c]));
     }
     if (f[0]->stubblocks[0] != nullptr) // no methods: no stub memory, no protection change
         return 12;
