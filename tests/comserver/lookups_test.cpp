@@ -276,21 +276,33 @@ TEST(ComLookups, RegisterTwiceUnregisterOnceKeepsOne)
               tail.text());
 }
 
-TEST(ComLookups, RecordHoldsThePointersAndEmptyCaches)
+TEST(ComLookups, RecordHoldsThePointersAndOneEmptyCacheSlotPerEntry)
 {
     static const vxl_comifinfo a = ifinfo("ICacheA"), b = ifinfo("ICacheB"), c = ifinfo("ICacheC");
     static const vxl_comifinfo *const ifs[] = {&a, &b, &c, nullptr};
-    static const vxl_comcomponentinfo *const comps[] = {nullptr};
     static const vxl_comlibinfo lib = {"cache.dll", {}};
     vxl_comregistration *before = vxl_com_registrations();
-    ASSERT_EQ(0, vxl_com_register(&lib, comps, ifs));
+    {
+        // Empty and null arrays make registrations too, which find nothing.
+        Registration empty(&lib, kNoComps, kNoIfs);
+        Registration null(nullptr, nullptr, nullptr);
+        byIid(GUID_NULL, nullptr, 1);
+        EXPECT_EQ(nullptr, vxl_com_findcomponentbyclsid(GUID_NULL));
+        vxl_comlockguard guard(VXL_REGISTRATION_LOCK);
+        vxl_comregistration *head = vxl_com_registrations();
+        EXPECT_EQ(nullptr, head->interfaces);
+        EXPECT_EQ(nullptr, head->typeinfos); // no entries, no cache
+        EXPECT_EQ(kNoIfs, head->next->interfaces);
+        EXPECT_EQ(nullptr, head->next->typeinfos);
+        EXPECT_EQ(before, head->next->next);
+    }
+    ASSERT_EQ(0, vxl_com_register(&lib, kNoComps, ifs));
 
     vxl_com_lock(VXL_REGISTRATION_LOCK);
     vxl_comregistration *reg = vxl_com_registrations();
-    ASSERT_NE(nullptr, reg);
     EXPECT_EQ(before, reg->next); // the new record is the head
     EXPECT_EQ(&lib, reg->library);
-    EXPECT_EQ(comps, reg->components);
+    EXPECT_EQ(kNoComps, reg->components);
     EXPECT_EQ(ifs, reg->interfaces);
     EXPECT_EQ(nullptr, reg->typelib);
     ASSERT_NE(nullptr, reg->typeinfos);
@@ -307,32 +319,12 @@ TEST(ComLookups, RecordHoldsThePointersAndEmptyCaches)
     reg->typelib = reinterpret_cast<ITypeLib *>(&lib0);
     vxl_com_unlock(VXL_REGISTRATION_LOCK);
 
-    EXPECT_EQ(0, vxl_com_unregister(&lib, comps, ifs));
+    EXPECT_EQ(0, vxl_com_unregister(&lib, kNoComps, ifs));
     EXPECT_EQ(1, s0.releases);
     EXPECT_EQ(1, s2.releases);
     EXPECT_EQ(1, p1.releases);
     EXPECT_EQ(1, lib0.releases);
     EXPECT_EQ(before, vxl_com_registrations());
-}
-
-TEST(ComLookups, EmptyOrNullArraysGiveARegistrationThatFindsNothing)
-{
-    static const vxl_comlibinfo lib = {"empty.dll", {}};
-    {
-        Registration empty(&lib, kNoComps, kNoIfs);
-        Registration null(nullptr, nullptr, nullptr);
-        vxl_com_lock(VXL_REGISTRATION_LOCK);
-        vxl_comregistration *head = vxl_com_registrations();
-        ASSERT_NE(nullptr, head);
-        EXPECT_EQ(nullptr, head->interfaces);
-        EXPECT_EQ(nullptr, head->typeinfos); // no entries, no cache
-        EXPECT_EQ(kNoIfs, head->next->interfaces);
-        EXPECT_EQ(nullptr, head->next->typeinfos);
-        vxl_com_unlock(VXL_REGISTRATION_LOCK);
-        byIid(GUID_NULL, nullptr, 1);
-        EXPECT_EQ(nullptr, vxl_com_findcomponentbyclsid(GUID_NULL));
-    }
-    EXPECT_EQ(nullptr, vxl_com_registrations());
 }
 
 // ---- the COM lock set -------------------------------------------------------------
