@@ -217,7 +217,7 @@ TEST_F(Factories, ThreadsRacingForTheFirstObjectShareOneFactory)
     }
 }
 
-TEST_F(Factories, InuseWithoutFactoriesSaysNo)
+TEST_F(Factories, InuseWithoutFactoriesSaysNoAndAHeldHandleCountsAsInUse)
 {
     const vxl_componentdef *const never[] = {&never1, &never2, nullptr};
     const vxl_componentdef *const empty[] = {nullptr};
@@ -226,6 +226,15 @@ TEST_F(Factories, InuseWithoutFactoriesSaysNo)
         EXPECT_EQ(0, vxl_inuse(list));
         EXPECT_EQ("vxl_inuse: no\n", tail.text());
     }
+
+    vxl_classfactory *f = nullptr;
+    ASSERT_EQ(0, vxl_createclassfactory(&f, "UseHandle"));
+    const vxl_componentdef *const list[] = {&useHandle, nullptr};
+    vxltest::LogTail tail;
+    EXPECT_EQ(1, vxl_inuse(list));
+    vxl_destroyclassfactory(f);
+    EXPECT_EQ(0, vxl_inuse(list));
+    EXPECT_EQ("vxl_inuse: yes\nvxl_inuse: freeclassfactory(" + hex(f) + ")\nno\n", tail.text());
 }
 
 TEST_F(Factories, InuseFreesIdleFactoriesUpToTheFirstInUse)
@@ -270,18 +279,6 @@ TEST_F(Factories, InuseFreesIdleFactoriesUpToTheFirstInUse)
         EXPECT_EQ("vxl_inuse: freeclassfactory(" + hex(f2) + ")\nno\n", tail.text());
         EXPECT_EQ(0, vxl_inuse(second));
     }
-}
-
-TEST_F(Factories, AHeldHandleCountsAsInUse)
-{
-    vxl_classfactory *f = nullptr;
-    ASSERT_EQ(0, vxl_createclassfactory(&f, "UseHandle"));
-    const vxl_componentdef *const list[] = {&useHandle, nullptr};
-    vxltest::LogTail tail;
-    EXPECT_EQ(1, vxl_inuse(list));
-    vxl_destroyclassfactory(f);
-    EXPECT_EQ(0, vxl_inuse(list));
-    EXPECT_EQ("vxl_inuse: yes\nvxl_inuse: freeclassfactory(" + hex(f) + ")\nno\n", tail.text());
 }
 
 TEST_F(Factories, DefinitionsTheBuildCannotServeGetNoFactory)
