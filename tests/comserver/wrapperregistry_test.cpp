@@ -110,32 +110,29 @@ protected:
 
 // ---- register ----------------------------------------------------------------------
 
-TEST_F(WrapperRegistry, SecondRegistrationReplacesTheFirst)
+TEST_F(WrapperRegistry, RegistrationWritesWrapper0AndClearsUpToTheFirstGap)
 {
-    const std::string key = keyOf("IVxlWregTwoPaths", "com");
+    const std::string twoPaths = keyOf("IVxlWregTwoPaths", "com");
     LogTail tail;
     EXPECT_EQ(0, vxl_com_wrapper_register(kPathA.c_str(), "IVxlWregTwoPaths", "com"));
-    EXPECT_EQ((Values{{"wrapper-0", kPathA + "|0"}}), valuesOf(key));
+    EXPECT_EQ((Values{{"wrapper-0", kPathA + "|0"}}), valuesOf(twoPaths));
     EXPECT_EQ(0, vxl_com_wrapper_register(kPathB.c_str(), "IVxlWregTwoPaths", "com"));
-    EXPECT_EQ((Values{{"wrapper-0", kPathB + "|0"}}), valuesOf(key));
+    EXPECT_EQ((Values{{"wrapper-0", kPathB + "|0"}}), valuesOf(twoPaths)) << "the second replaces the first";
     EXPECT_EQ(regLine(kPathA, "IVxlWregTwoPaths", "com") + regLine(kPathB, "IVxlWregTwoPaths", "com"),
               tail.text());
-}
 
-TEST_F(WrapperRegistry, RegistrationStopsClearingAtTheFirstGap)
-{
-    const std::string key = keyOf("IVxlWregGap", "comS");
-    setValue(key, "wrapper-0", "old0");
-    setValue(key, "wrapper-1", "old1");
-    setValue(key, "wrapper-3", "old3");
-    setValue(key, "wrapper-01", "other name");
-    setValue(key, "custom", "other name");
+    const std::string gap = keyOf("IVxlWregGap", "comS");
+    setValue(gap, "wrapper-0", "old0");
+    setValue(gap, "wrapper-1", "old1");
+    setValue(gap, "wrapper-3", "old3");
+    setValue(gap, "wrapper-01", "other name");
+    setValue(gap, "custom", "other name");
     EXPECT_EQ(0, vxl_com_wrapper_register(kPathC.c_str(), "IVxlWregGap", "comS"));
     EXPECT_EQ((Values{{"wrapper-0", kPathC + "|0"},
                       {"wrapper-3", "old3|0"},
                       {"wrapper-01", "other name|0"},
                       {"custom", "other name|0"}}),
-              valuesOf(key));
+              valuesOf(gap));
 }
 
 TEST_F(WrapperRegistry, KeyPathUpToTwoHundredFiftyFiveCharacters)
