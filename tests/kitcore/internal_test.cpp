@@ -185,7 +185,6 @@ namespace {
 
 // Hand-made interfaces whose generic slots fail on demand.
 int32_t g_fail; // 1: getinterface, 2: getname, 3: decref
-struct FakeIf;
 int32_t fakeGetinterface(vxl_if self, const char *, vxl_if *out);
 int32_t fakeGetname(vxl_if, const char **out)
 {
@@ -212,18 +211,9 @@ int fakeChild(int32_t fail, const char *message)
 
 } // namespace
 
-VXL_CHILD(gd_getinterface_fails)
-{
-    return fakeChild(1, "ooops");
-}
-VXL_CHILD(gd_getname_fails)
-{
-    return fakeChild(2, "oops");
-}
-VXL_CHILD(gd_decref_fails)
-{
-    return fakeChild(3, "ooops");
-}
+VXL_CHILD(gd_getinterface_fails) { return fakeChild(1, "ooops"); }
+VXL_CHILD(gd_getname_fails) { return fakeChild(2, "oops"); }
+VXL_CHILD(gd_decref_fails) { return fakeChild(3, "ooops"); }
 VXL_CHILD(gd_fake_succeeds)
 {
     g_fail = 0;
@@ -301,11 +291,7 @@ TEST(FindClassFactory, NotCachedMeansOneLoadCallThenTheRegistry)
 
 namespace {
 
-int32_t lateCreate(void **implslot, vxl_if)
-{
-    *implslot = &g_loadcalls;
-    return 0;
-}
+int32_t lateCreate(void **implslot, vxl_if) { *implslot = &g_loadcalls; return 0; }
 const vxl_componentdef late = {"LateClass", 1, twoIfs, lateCreate, destroy, nullptr};
 const vxl_componentdef *const lateComponents[] = {&late, nullptr};
 const vxl_interfacedef *const noInterfaces[] = {nullptr};
