@@ -729,6 +729,9 @@ TEST(WrappingProcess, CallbackWithoutRowStopsTheProcess)
     EXPECT_EQ("vxl_fatal: trn_select\n", text.substr(text.rfind("vxl_fatal")));
 
     EXPECT_EQ(3, vxltest::runChild("unknown_pair_released", log.c_str()));
+    // The children stopped before they could take their registry entries back.
+    for (const RegisteredPair &p : kPairs)
+        unregisterWrapperLibrary(p.ifname, p.wtype);
     text = vxltest::readLog(log);
     EXPECT_EQ("vxl_fatal: trn_delete\n", text.substr(text.rfind("vxl_fatal")));
     EXPECT_NE(std::string::npos, text.find("trn_delete: pcomif = 5678, pobj = "));
