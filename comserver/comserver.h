@@ -11,16 +11,7 @@ enum vxl_comlock { VXL_WRAPPER_LOCK, VXL_INUSE_LOCK, VXL_CLASSOBJECT_LOCK, VXL_R
 void vxl_com_lock(vxl_comlock lock);
 void vxl_com_unlock(vxl_comlock lock);
 
-class vxl_comlockguard {
-public:
-    explicit vxl_comlockguard(vxl_comlock lock) : lock_(lock) { vxl_com_lock(lock_); }
-    ~vxl_comlockguard() { vxl_com_unlock(lock_); }
-    vxl_comlockguard(const vxl_comlockguard &) = delete;
-    vxl_comlockguard &operator=(const vxl_comlockguard &) = delete;
-
-private:
-    vxl_comlock lock_;
-};
+using vxl_comlockguard = vxl_scopedlock<vxl_comlock, vxl_com_lock, vxl_com_unlock>;
 
 // One vxl_com_register call, kept newest first.
 struct vxl_comregistration {

@@ -18,16 +18,19 @@ enum vxl_kitlock { VXL_FACTORY_LOCK, VXL_CACHE_LOCK, VXL_REGISTRY_LOCK, VXL_LOG_
 void vxl_lock(vxl_kitlock lock);
 void vxl_unlock(vxl_kitlock lock);
 
-class vxl_lockguard {
+// Holds one lock of a lock set for a scope.
+template <typename Lock, void (*Enter)(Lock), void (*Leave)(Lock)> class vxl_scopedlock {
 public:
-    explicit vxl_lockguard(vxl_kitlock lock) : lock_(lock) { vxl_lock(lock_); }
-    ~vxl_lockguard() { vxl_unlock(lock_); }
-    vxl_lockguard(const vxl_lockguard &) = delete;
-    vxl_lockguard &operator=(const vxl_lockguard &) = delete;
+    explicit vxl_scopedlock(Lock lock) : lock_(lock) { Enter(lock_); }
+    ~vxl_scopedlock() { Leave(lock_); }
+    vxl_scopedlock(const vxl_scopedlock &) = delete;
+    vxl_scopedlock &operator=(const vxl_scopedlock &) = delete;
 
 private:
-    vxl_kitlock lock_;
+    Lock lock_;
 };
+
+using vxl_lockguard = vxl_scopedlock<vxl_kitlock, vxl_lock, vxl_unlock>;
 
 // Null-safe exact comparison of names.
 inline bool vxl_sameName(const char *a, const char *b)
