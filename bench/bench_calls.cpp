@@ -2,6 +2,7 @@
 // through a kit slot and stub, and of creating and releasing an object of a
 // class whose factory is cached. Tracing is off (VXLLOGNAME cleared), as in
 // production. Ratios are against the virtual call measured in the same run.
+#include "benchtime.h"
 #include "vexal.h"
 
 #include <windows.h>
@@ -62,31 +63,11 @@ const vxl_componentdef adderClass = {"BenchAdder", 1, entries, create, destroy, 
 const vxl_componentdef *const components[] = {&adderClass, nullptr};
 const vxl_interfacedef *const interfaces[] = {&iAdder, nullptr};
 
-double now()
-{
-    static LARGE_INTEGER frequency = [] {
-        LARGE_INTEGER f;
-        QueryPerformanceFrequency(&f);
-        return f;
-    }();
-    LARGE_INTEGER t;
-    QueryPerformanceCounter(&t);
-    return static_cast<double>(t.QuadPart) / static_cast<double>(frequency.QuadPart);
-}
-
 using KitAdd = int64_t (*)(vxl_if, int64_t);
 
 // Many short rounds: on a shared machine some of them run undisturbed.
 constexpr int ROUNDS = 30;
 constexpr int64_t ROUND_PARTS = 10;
-
-// Nanoseconds per operation of one round.
-template <typename Body> double timeRound(int64_t iterations, Body &body)
-{
-    double start = now();
-    body(iterations);
-    return (now() - start) * 1e9 / static_cast<double>(iterations);
-}
 
 } // namespace
 

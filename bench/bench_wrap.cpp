@@ -4,6 +4,7 @@
 // proxy class live in this program, registered as a wrapper library would.
 // Tracing is off. Ratios are against one AddRef + Release pair on a COM
 // object, measured in the same run.
+#include "benchtime.h"
 #include "vexal.h"
 
 #include <windows.h>
@@ -148,26 +149,7 @@ const vxl_comlibinfo libinfo = {"bench_wrap.exe", GUID_NULL};
 
 // ---- timing --------------------------------------------------------------------------
 
-double now()
-{
-    static LARGE_INTEGER frequency = [] {
-        LARGE_INTEGER f;
-        QueryPerformanceFrequency(&f);
-        return f;
-    }();
-    LARGE_INTEGER t;
-    QueryPerformanceCounter(&t);
-    return static_cast<double>(t.QuadPart) / static_cast<double>(frequency.QuadPart);
-}
-
 constexpr int ROUNDS = 20;
-
-template <typename Body> double timeRound(int64_t iterations, Body &body)
-{
-    double start = now();
-    body(iterations);
-    return (now() - start) * 1e9 / static_cast<double>(iterations);
-}
 
 } // namespace
 
