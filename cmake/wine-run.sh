@@ -2,7 +2,18 @@
 # Runs one Windows program under Wine in the build tree's private prefix.
 # The prefix is made on first use (under a lock, since CTest runs tests in
 # parallel) and one persistent wineserver keeps later starts fast.
+#
+#   wine-run.sh [--gtest] program.exe [args...]
+#
+# With --gtest the program is a GoogleTest program and passes only when it
+# exits 0, its output ends with GoogleTest's passed summary and holds no
+# failure line: a Windows program that crashes can leave Wine with status 0.
 set -u
+gtest=0
+if [ "${1:-}" = "--gtest" ]; then
+  gtest=1
+  shift
+fi
 build_root=${VEXAL_BUILD_ROOT:-}
 if [ -z "$build_root" ]; then
   # Programs live in <build>/bin; the prefix sits next to that folder.
@@ -19,6 +30,12 @@ export WINEARCH=win64
     mkdir -p "$WINEPREFIX"
     wineboot -i >/dev/null 2>&1 9>&-
     wineserver -w 9>&-
+    # No automatic debugger: with an empty debugger command a crash ends the
+    # process with the exception's code instead of in winedbg, which can
+    # leave exit status 0 behind.
+    wine reg add 'HKLM\Software\Microsoft\Windows NT\CurrentVersion\AeDebug' /v Debugger /t REG_SZ /d '' /f \
+      >/dev/null 2>&1 9>&-
+    wineserver -w 9>&-
     touch "$WINEPREFIX/.vexal-ready"
   fi
   wineserver -p >/dev/null 2>&1 9>&-
@@ -31,5 +48,11 @@ out=$(mktemp "$build_root/.wine-output.XXXXXX")
 wine "$@" >"$out" 2>&1 </dev/null
 status=$?
 cat "$out"
+if [ $gtest = 1 ] && [ $status = 0 ]; then
+  if grep -aq '^\[  FAILED  \]' "$out" || ! grep -aq '^\[  PASSED  \] [0-9]* test' "$out"; then
+    echo "wine-run.sh: exit status 0 without GoogleTest's passed summary: counted as failed"
+    status=1
+  fi
+fi
 rm -f "$out"
 exit $status
