@@ -191,6 +191,21 @@ VXL_API int32_t vxl_com_register(const vxl_comlibinfo *library, const vxl_comcom
 VXL_API int32_t vxl_com_unregister(const vxl_comlibinfo *library, const vxl_comcomponentinfo *const *components,
                                    const vxl_comifinfo *const *interfaces);
 
+/* ---- Dispatch calls, combined values, events, type information ------- */
+/* Variadic arguments: one 64-bit slot per parameter of the definition that
+ * is not a length parameter, in declaration order. */
+VXL_API HRESULT vxl_com_dispcall(IDispatch *object, const vxl_methoddef *method, ...);
+VXL_API HRESULT vxl_com_directdispcall(IDispatch *object, const vxl_methoddef *method, ...);
+VXL_API SAFEARRAY *vxl_com_createcombined(const vxl_methoddef *method, ...);
+VXL_API HRESULT vxl_com_cpinvoke(const char *ifname, DISPID member, REFIID riid, LCID lcid, WORD flags,
+                                 DISPPARAMS *params, VARIANT *result, EXCEPINFO *excepinfo, UINT *argerr,
+                                 int32_t sinkcount, IDispatch **sinks);
+/* Owned by the runtime's cache: not to be released. kind is "S" or "CP". */
+VXL_API ITypeInfo *vxl_com_gettypeinfo(const char *ifname, const char *kind);
+VXL_API HRESULT vxl_com_getdispinterface(BSTR ifname, IDispatch **result, IUnknown *object);
+/* With its own reference, which the caller releases. */
+VXL_API ITypeInfo *vxl_com_getcomponentobjecttypeinfo(const GUID *libid, const GUID *guid);
+
 #ifdef __cplusplus
 }
 #endif
