@@ -11,6 +11,7 @@
 #include <oleauto.h>
 
 #include <functional>
+#include <initializer_list>
 #include <map>
 #include <string>
 #include <vector>
@@ -108,11 +109,20 @@ public:
 };
 
 // Live blocks of COM task memory, counted through an IMallocSpy. With the
-// BSTR cache off every BSTR and SAFEARRAY is such a block.
+// BSTR cache off (for good, from install() on) every BSTR and SAFEARRAY is
+// such a block.
 class TaskMemoryCounter : public IMallocSpy {
 public:
     LONG live = 0;
-    bool install() { return SUCCEEDED(CoRegisterMallocSpy(this)); }
+    bool install()
+    {
+        auto noCache = reinterpret_cast<void(WINAPI *)(void)>(
+            GetProcAddress(GetModuleHandleA("oleaut32.dll"), "SetOaNoCache"));
+        if (!noCache)
+            return false;
+        noCache();
+        return SUCCEEDED(CoRegisterMallocSpy(this));
+    }
     void remove() { CoRevokeMallocSpy(); }
 
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void **out) override
@@ -187,6 +197,36 @@ public:
 
 private:
     IDispatch *dispatch_ = nullptr;
+};
+
+// Parameter definitions and method definitions made at run time.
+inline vxl_paramdef param(int32_t type, int32_t direction, int32_t array = 0)
+{
+    return {"p", type, direction, array, nullptr};
+}
+inline vxl_paramdef in(int32_t type, int32_t array = 0)
+{
+    return param(type, VXL_DIR_IN, array);
+}
+inline vxl_paramdef out(int32_t type, int32_t array = 0)
+{
+    return param(type, VXL_DIR_OUT, array);
+}
+inline vxl_paramdef inout(int32_t type, int32_t array = 0)
+{
+    return param(type, VXL_DIR_INOUT, array);
+}
+
+struct Def {
+    Def(const char *name, std::initializer_list<vxl_paramdef> list) : params(list)
+    {
+        for (auto &p : params)
+            pointers.push_back(&p);
+        method = {name, static_cast<int32_t>(params.size()), pointers.data()};
+    }
+    std::vector<vxl_paramdef> params;
+    std::vector<const vxl_paramdef *> pointers;
+    vxl_methoddef method;
 };
 
 } // namespace dispatchtest

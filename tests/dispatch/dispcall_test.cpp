@@ -16,36 +16,6 @@ using namespace dispatchtest;
 
 namespace {
 
-vxl_paramdef param(int32_t type, int32_t direction, int32_t array = 0)
-{
-    return {"p", type, direction, array, nullptr};
-}
-vxl_paramdef in(int32_t type, int32_t array = 0)
-{
-    return param(type, VXL_DIR_IN, array);
-}
-vxl_paramdef out(int32_t type, int32_t array = 0)
-{
-    return param(type, VXL_DIR_OUT, array);
-}
-vxl_paramdef inout(int32_t type, int32_t array = 0)
-{
-    return param(type, VXL_DIR_INOUT, array);
-}
-
-// A method definition made at run time.
-struct Def {
-    Def(const char *name, std::initializer_list<vxl_paramdef> list) : params(list)
-    {
-        for (auto &p : params)
-            pointers.push_back(&p);
-        method = {name, static_cast<int32_t>(params.size()), pointers.data()};
-    }
-    std::vector<vxl_paramdef> params;
-    std::vector<const vxl_paramdef *> pointers;
-    vxl_methoddef method;
-};
-
 // A combined value as a callee returns it: a SAFEARRAY of these VARIANTs.
 SAFEARRAY *combined(std::initializer_list<VARIANT> values)
 {
