@@ -11,6 +11,7 @@
 #include <oleauto.h>
 
 #include <cstdarg>
+#include <climits>
 #include <cstring>
 
 namespace {
@@ -107,10 +108,31 @@ bool storeByTag(VARIANT *result, void *dst)
     }
 }
 
+// Bytes of a name with its terminator; -1 when that does not fit an int.
+int32_t nameLength(const char *name)
+{
+    size_t length = strlen(name);
+    return length < static_cast<size_t>(INT32_MAX) ? static_cast<int32_t>(length) + 1 : -1;
+}
+
+// The method name in UTF-16. Every ANSI code page maps the ASCII range to
+// the same characters, so a name of ASCII alone (nearly every name) is
+// widened in place; MultiByteToWideChar costs more than the rest of a call.
+void widenName(const char *name, int chars, WCHAR *wide)
+{
+    for (int i = 0; i < chars; ++i) {
+        unsigned char c = static_cast<unsigned char>(name[i]);
+        if (c >= 0x80) {
+            MultiByteToWideChar(CP_ACP, MB_PRECOMPOSED, name, chars, wide, chars);
+            return;
+        }
+        wide[i] = c;
+    }
+}
+
 // An in argument by value, read from its variadic slot.
 void readInArgument(const vxl_paramdef *p, va_list *args, VARIANT *arg)
 {
-    VariantInit(arg);
     if (p->array != 0) {
         SAFEARRAY **caller = va_arg(*args, SAFEARRAY **);
         V_ARRAY(arg) = caller ? *caller : nullptr;
@@ -175,14 +197,13 @@ HRESULT callByDefinition(CallForm form, IDispatch *object, const vxl_methoddef *
     if (!plan.valid())
         return E_INVALIDARG;
 
-    size_t length = strlen(method->name);
-    if (length >= static_cast<size_t>(INT32_MAX))
+    int32_t chars = nameLength(method->name);
+    if (chars < 0)
         return E_INVALIDARG;
-    int chars = static_cast<int>(length) + 1;
     vxl_workarray<WCHAR, kStackNameChars> name(chars);
     if (!name.ok())
         return E_OUTOFMEMORY;
-    MultiByteToWideChar(CP_ACP, MB_PRECOMPOSED, method->name, chars, name.data(), chars);
+    widenName(method->name, chars, name.data());
     LPOLESTR names[1] = {name.data()};
     DISPID dispid = DISPID_UNKNOWN;
     HRESULT hr = object->GetIDsOfNames(IID_NULL, names, 1, GetUserDefaultLCID(), &dispid);
@@ -195,6 +216,8 @@ HRESULT callByDefinition(CallForm form, IDispatch *object, const vxl_methoddef *
     vxl_workarray<void *, kStackParams> outptrs(plan.count());
     if (!argv.ok() || !references.ok() || !outptrs.ok())
         return E_OUTOFMEMORY;
+    // Argument elements are written whole below (tag, reserved words and
+    // value), which is what VariantInit and a store would do.
 
     // IDispatch takes its arguments last first.
     int32_t slot = nin;
@@ -209,7 +232,6 @@ HRESULT callByDefinition(CallForm form, IDispatch *object, const vxl_methoddef *
             break;
         case vxl_paramrole::inout: {
             VARIANT *arg = &argv[--slot];
-            VariantInit(arg);
             void *caller = va_arg(*args, void *);
             VARIANT *target = static_cast<VARIANT *>(caller);
             if (form == CallForm::dispcall) {

@@ -28,34 +28,26 @@ public:
             const vxl_paramdef *p = method->params[i];
             valid_ = p && p->type >= VXL_TYPE_INT && p->type <= VXL_TYPE_INTERFACE &&
                      p->direction >= VXL_DIR_IN && p->direction <= VXL_DIR_INOUT;
-            if (valid_)
-                roles_[i] = p->direction == VXL_DIR_OUT     ? vxl_paramrole::out
-                            : p->direction == VXL_DIR_INOUT ? vxl_paramrole::inout
-                                                            : vxl_paramrole::in;
+            if (!valid_)
+                return;
+            roles_[i] = p->direction == VXL_DIR_OUT     ? vxl_paramrole::out
+                        : p->direction == VXL_DIR_INOUT ? vxl_paramrole::inout
+                                                        : vxl_paramrole::in;
+            ++(p->direction == VXL_DIR_OUT ? nout_ : nin_);
         }
-        if (!valid_)
-            return;
         // A parameter named by any array field is a length parameter,
         // wherever the naming parameter stands.
-        for (int32_t i = 0; i < count_; ++i) {
+        for (int32_t i = 0; valid_ && i < count_; ++i) {
             int32_t array = method->params[i]->array;
-            if (array < 0 && ~array < count_)
-                roles_[~array] = vxl_paramrole::length;
-        }
-        for (int32_t i = 0; i < count_; ++i) {
-            switch (roles_[i]) {
-            case vxl_paramrole::in:
-            case vxl_paramrole::inout:
-                ++nin_;
-                break;
-            case vxl_paramrole::out:
-                ++nout_;
-                break;
-            case vxl_paramrole::length:
-                if (method->params[i]->direction == VXL_DIR_OUT)
-                    ++outlengths_;
-                break;
+            if (array >= 0 || ~array >= count_ || roles_[~array] == vxl_paramrole::length)
+                continue;
+            if (roles_[~array] == vxl_paramrole::out) {
+                --nout_;
+                ++outlengths_;
+            } else {
+                --nin_;
             }
+            roles_[~array] = vxl_paramrole::length;
         }
     }
 

@@ -6,8 +6,6 @@
 #include "core/kit.h"
 
 #include <climits>
-#include <cstddef>
-#include <cstring>
 
 // Per-call working storage of at most this many entries lives on the stack;
 // a method with more parameters (or a longer name) takes it from the heap.
@@ -15,7 +13,8 @@ constexpr int32_t kStackParams = 32;
 constexpr int32_t kStackNameChars = 128;
 
 // A small array that lives on the stack up to N elements and on the heap
-// above. Elements are trivially constructible values, zero-filled.
+// above. Elements are trivially constructible values, left unset: every
+// user writes an element before it reads it.
 template <typename T, int32_t N> class vxl_workarray {
 public:
     explicit vxl_workarray(int32_t count)
@@ -28,8 +27,6 @@ public:
             data_ = static_cast<T *>(vxl_malloc(static_cast<int32_t>(sizeof(T)) * count));
             heap_ = data_ != nullptr;
         }
-        if (data_)
-            memset(static_cast<void *>(data_), 0, sizeof(T) * static_cast<size_t>(count));
         ok_ = data_ != nullptr;
     }
     ~vxl_workarray()
