@@ -13,6 +13,7 @@
 #include <atomic>
 #include <cstring>
 #include <tuple>
+#include <type_traits>
 
 namespace dm {
 
@@ -134,6 +135,7 @@ template <class F> void forEachKind(F f)
 // Values compare as numbers, strings by their text, interfaces by pointer.
 template <class T> bool same(T a, T b) { return memcmp(&a, &b, sizeof a) == 0; }
 inline bool same(char *a, const char *b) { return a && b ? strcmp(a, b) == 0 : a == b; }
+inline bool same(char *a, char *b) { return same(a, static_cast<const char *>(b)); }
 
 } // namespace dm
 
@@ -150,6 +152,27 @@ template <> struct Samples<vxl_if> {
     Samples() : v{newCounter(), nullptr, newCounter()} {}
     ~Samples() { vxl_decref(v[0]), vxl_decref(v[2]); }
 };
+
+// A kit array of n elements that no reader may touch: zero pointers, or 0x5A bytes.
+template <class Out> Out *untouched(size_t n)
+{
+    Out *array = static_cast<Out *>(vxl_malloc(static_cast<int32_t>(n * sizeof(Out))));
+    memset(static_cast<void *>(array), std::is_pointer_v<Out> ? 0 : 0x5A, n * sizeof(Out));
+    return array;
+}
+
+inline VARIANT byref(VARTYPE vt, void *target)
+{
+    VARIANT v;
+    V_VT(&v) = VT_BYREF | vt;
+    V_BYREF(&v) = target;
+    return v;
+}
+
+#define KIND_TYPES(k)                                                                              \
+    using K = std::decay_t<decltype(k)>;                                                           \
+    using In [[maybe_unused]] = typename K::in_type;                                                              \
+    using Out [[maybe_unused]] = typename K::out_type
 
 // Gives back one value read out of a VARIANT.
 template <class T> void release(T) {}

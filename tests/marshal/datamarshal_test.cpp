@@ -3,7 +3,6 @@
 // of interface elements counted through the test wrapper library.
 #include "datamarshal.h"
 
-#include <type_traits>
 #include <vector>
 
 using namespace dm;
@@ -37,22 +36,6 @@ template <class T> void checkNumberArrays(T *(*kit)(const T *, int32_t), T *(*ta
     EXPECT_EQ(nullptr, empty(0));
     EXPECT_EQ(nullptr, empty(-1));
     vxl_free(empty(3));
-}
-
-// A kit array of n elements that no reader may touch: zero pointers, or 0x5A bytes.
-template <class Out> Out *untouched(size_t n)
-{
-    Out *array = static_cast<Out *>(vxl_malloc(static_cast<int32_t>(n * sizeof(Out))));
-    memset(static_cast<void *>(array), std::is_pointer_v<Out> ? 0 : 0x5A, n * sizeof(Out));
-    return array;
-}
-
-VARIANT byref(VARTYPE vt, void *target)
-{
-    VARIANT v;
-    V_VT(&v) = VT_BYREF | vt;
-    V_BYREF(&v) = target;
-    return v;
 }
 
 } // namespace
@@ -118,16 +101,11 @@ TEST_F(DataMarshal, InterfaceArraysWrapAndUnwrapHoldingOneReferenceEach)
     EXPECT_EQ(0, vxl_com_freeinterfacearray(kit, 2, DM_IF));
 }
 
-#define KIND_TYPES(k)                                                                             \
-    using K = std::decay_t<decltype(k)>;                                                           \
-    using In = typename K::in_type;                                                                \
-    using Out = typename K::out_type;                                                              \
-    SCOPED_TRACE(k.name)
-
 TEST_F(DataMarshal, SafeArraysOfEveryKindInBothShapesReadBack)
 {
     forEachKind([](auto &k) {
         KIND_TYPES(k);
+        SCOPED_TRACE(k.name);
         Samples<In> samples;
         for (bool variants : {false, true}) {
             SAFEARRAY *sa = (variants ? k.createVariant : k.create)(samples.v, 3);
@@ -274,6 +252,7 @@ TEST_F(DataMarshal, EveryKindWrittenAndReadBackThroughEveryShape)
 {
     forEachKind([](auto &k) {
         KIND_TYPES(k);
+        SCOPED_TRACE(k.name);
         Samples<In> samples;
         VARIANT inner = {}; // VT_EMPTY with a null value slot
         VARIANT outer = byref(VT_VARIANT, &inner);
