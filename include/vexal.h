@@ -191,6 +191,127 @@ VXL_API int32_t vxl_com_register(const vxl_comlibinfo *library, const vxl_comcom
 VXL_API int32_t vxl_com_unregister(const vxl_comlibinfo *library, const vxl_comcomponentinfo *const *components,
                                    const vxl_comifinfo *const *interfaces);
 
+/* ---- Kit arrays ------------------------------------------------------ */
+/*
+ * Elements end to end, no header; the count travels beside the pointer. "com"
+ * before the kind means COM task memory (CoTaskMemAlloc), else kit memory
+ * (vxl_malloc). Every array returned belongs to the caller.
+ */
+VXL_API int32_t *vxl_com_createintarray(const int32_t *src, int32_t count);
+VXL_API float *vxl_com_createfloatarray(const float *src, int32_t count);
+VXL_API double *vxl_com_createdoublearray(const double *src, int32_t count);
+VXL_API char **vxl_com_createstringarray(const char *const *src, int32_t count);
+VXL_API int32_t *vxl_com_createcomintarray(const int32_t *src, int32_t count);
+VXL_API float *vxl_com_createcomfloatarray(const float *src, int32_t count);
+VXL_API double *vxl_com_createcomdoublearray(const double *src, int32_t count);
+VXL_API char **vxl_com_createcomstringarray(const char *const *src, int32_t count);
+/* Always null: interface arrays are made with the copy functions below. */
+VXL_API vxl_if *vxl_com_createinterfacearray(IUnknown *const *src, int32_t count, const char *ifname,
+                                             const char *wtype);
+VXL_API IUnknown **vxl_com_createcominterfacearray(const vxl_if *src, int32_t count, const char *ifname,
+                                                   const char *wtype);
+
+VXL_API int32_t *vxl_com_createemptyintarray(int32_t count);
+VXL_API float *vxl_com_createemptyfloatarray(int32_t count);
+VXL_API double *vxl_com_createemptydoublearray(int32_t count);
+VXL_API char **vxl_com_createemptystringarray(int32_t count);
+VXL_API vxl_if *vxl_com_createemptyinterfacearray(int32_t count);
+VXL_API char **vxl_com_createemptycomstringarray(int32_t count);
+VXL_API IUnknown **vxl_com_createemptycominterfacearray(int32_t count);
+
+VXL_API void vxl_com_copystringarray(char **dst, const char *const *src, int32_t count);
+VXL_API void vxl_com_copycomstringarray(char **dst, const char *const *src, int32_t count);
+/* COM interfaces unwrapped into kit interfaces, and kit interfaces wrapped. */
+VXL_API void vxl_com_copyinterfacearray(vxl_if *dst, IUnknown *const *src, int32_t count, const char *ifname,
+                                        const char *wtype);
+VXL_API void vxl_com_copycominterfacearray(IUnknown **dst, const vxl_if *src, int32_t count, const char *ifname,
+                                           const char *wtype);
+
+VXL_API void vxl_freestringarray(char **array, int32_t count);
+VXL_API void vxl_com_freestringarray(char **array, int32_t count);
+VXL_API void vxl_freestringarraycontents(char **array, int32_t count);
+VXL_API int32_t vxl_freeinterfacearray(vxl_if *array, int32_t count);
+VXL_API void vxl_freeinterfacearraycontents(vxl_if *array, int32_t count);
+/* A kit-memory array of kit interfaces, like vxl_freeinterfacearray. */
+VXL_API int32_t vxl_com_freeinterfacearray(vxl_if *array, int32_t count, const char *ifname, const char *wtype);
+VXL_API void vxl_com_freecomstringarray(char **array, int32_t count);
+VXL_API int32_t vxl_com_freecomstringarraycontents(char **array, int32_t count);
+VXL_API int32_t vxl_com_freecominterfacearray(IUnknown **array, int32_t count, const char *ifname,
+                                              const char *wtype);
+VXL_API int32_t vxl_com_freecominterfacearraycontents(IUnknown **array, int32_t count);
+
+/* ---- Safe arrays ----------------------------------------------------- */
+/*
+ * One dimension, lower bound 0. The "variant" creators make arrays of
+ * VARIANTs. Readers read at most count elements from the start of the data,
+ * and never more than the array holds; an element they cannot read leaves
+ * its destination as it was (0 or null in the arrays the creating readers
+ * return).
+ */
+VXL_API SAFEARRAY *vxl_com_createintsafearray(const int32_t *src, int32_t count);
+VXL_API SAFEARRAY *vxl_com_createfloatsafearray(const float *src, int32_t count);
+VXL_API SAFEARRAY *vxl_com_createdoublesafearray(const double *src, int32_t count);
+VXL_API SAFEARRAY *vxl_com_createstringsafearray(const char *const *src, int32_t count);
+VXL_API SAFEARRAY *vxl_com_createinterfacesafearray(const vxl_if *src, int32_t count, const char *ifname,
+                                                    const char *wtype);
+VXL_API SAFEARRAY *vxl_com_createvariantintsafearray(const int32_t *src, int32_t count);
+VXL_API SAFEARRAY *vxl_com_createvariantfloatsafearray(const float *src, int32_t count);
+VXL_API SAFEARRAY *vxl_com_createvariantdoublesafearray(const double *src, int32_t count);
+VXL_API SAFEARRAY *vxl_com_createvariantstringsafearray(const char *const *src, int32_t count);
+VXL_API SAFEARRAY *vxl_com_createvariantinterfacesafearray(const vxl_if *src, int32_t count, const char *ifname,
+                                                           const char *wtype);
+
+VXL_API void vxl_com_copyintarrayfromsafearray(int32_t *dst, SAFEARRAY *sa, int32_t count);
+VXL_API void vxl_com_copyfloatarrayfromsafearray(float *dst, SAFEARRAY *sa, int32_t count);
+VXL_API void vxl_com_copydoublearrayfromsafearray(double *dst, SAFEARRAY *sa, int32_t count);
+VXL_API void vxl_com_copystringarrayfromsafearray(char **dst, SAFEARRAY *sa, int32_t count);
+VXL_API void vxl_com_copyinterfacearrayfromsafearray(vxl_if *dst, SAFEARRAY *sa, int32_t count, const char *ifname,
+                                                     const char *wtype);
+
+VXL_API int32_t *vxl_com_createintarrayfromsafearray(SAFEARRAY *sa, int32_t count);
+VXL_API float *vxl_com_createfloatarrayfromsafearray(SAFEARRAY *sa, int32_t count);
+VXL_API double *vxl_com_createdoublearrayfromsafearray(SAFEARRAY *sa, int32_t count);
+VXL_API char **vxl_com_createstringarrayfromsafearray(SAFEARRAY *sa, int32_t count);
+VXL_API vxl_if *vxl_com_createinterfacearrayfromsafearray(SAFEARRAY *sa, int32_t count, const char *ifname,
+                                                          const char *wtype);
+
+VXL_API int32_t vxl_com_safearraylen(SAFEARRAY *sa);
+VXL_API int32_t vxl_com_variantsafearraylen(const VARIANT *v);
+VXL_API int32_t vxl_com_freesafearray(SAFEARRAY *sa);
+
+/* ---- Variant conversion ---------------------------------------------- */
+/*
+ * A VARIANT of type VT_BYREF|VT_VARIANT is first replaced by the one it
+ * points to (once). Readers answer 0, 0.0 or null for a tag they do not
+ * accept; writers answer VXL_OK, or VXL_EFAIL when nothing could be written.
+ */
+VXL_API int32_t vxl_com_readintfromvariant(const VARIANT *v);
+VXL_API float vxl_com_readfloatfromvariant(const VARIANT *v);
+VXL_API double vxl_com_readdoublefromvariant(const VARIANT *v);
+VXL_API char *vxl_com_readstringfromvariant(const VARIANT *v);
+VXL_API vxl_if vxl_com_readinterfacefromvariant(const VARIANT *v, const char *ifname, const char *wtype);
+
+VXL_API int32_t vxl_com_putinttovariant(VARIANT *v, int32_t value);
+VXL_API int32_t vxl_com_putfloattovariant(VARIANT *v, float value);
+VXL_API int32_t vxl_com_putdoubletovariant(VARIANT *v, double value);
+VXL_API int32_t vxl_com_putstringtovariant(VARIANT *v, const char *value);
+VXL_API int32_t vxl_com_putinterfacetovariant(VARIANT *v, vxl_if value, const char *ifname, const char *wtype);
+
+VXL_API int32_t vxl_com_copyintarraytovariantsafearrayvariant(VARIANT *v, const int32_t *src, int32_t count);
+VXL_API int32_t vxl_com_copyfloatarraytovariantsafearrayvariant(VARIANT *v, const float *src, int32_t count);
+VXL_API int32_t vxl_com_copydoublearraytovariantsafearrayvariant(VARIANT *v, const double *src, int32_t count);
+VXL_API int32_t vxl_com_copystringarraytovariantsafearrayvariant(VARIANT *v, const char *const *src, int32_t count);
+VXL_API int32_t vxl_com_copyinterfacearraytovariantsafearrayvariant(VARIANT *v, const vxl_if *src, int32_t count,
+                                                                    const char *ifname, const char *wtype);
+
+/* count is the caller's: the new kit array has count elements. */
+VXL_API int32_t *vxl_com_copyintarrayfromvariantsafearrayvariant(const VARIANT *v, int32_t count);
+VXL_API float *vxl_com_copyfloatarrayfromvariantsafearrayvariant(const VARIANT *v, int32_t count);
+VXL_API double *vxl_com_copydoublearrayfromvariantsafearrayvariant(const VARIANT *v, int32_t count);
+VXL_API char **vxl_com_copystringarrayfromvariantsafearrayvariant(const VARIANT *v, int32_t count);
+VXL_API vxl_if *vxl_com_copyinterfacearrayfromvariantsafearrayvariant(const VARIANT *v, int32_t count,
+                                                                      const char *ifname, const char *wtype);
+
 /* ---- Dispatch calls, combined values, events, type information ------- */
 /* Variadic arguments: one 64-bit slot per parameter of the definition that
  * is not a length parameter, in declaration order. */
