@@ -313,8 +313,10 @@ VXL_API vxl_if *vxl_com_copyinterfacearrayfromvariantsafearrayvariant(const VARI
                                                                       const char *ifname, const char *wtype);
 
 /* ---- Dispatch calls, combined values, events, type information ------- */
-/* Variadic arguments: one 64-bit slot per parameter of the definition that
- * is not a length parameter, in declaration order. */
+/* Variadic arguments, one 64-bit slot each, in declaration order: for the
+ * two calls one per parameter that is not a length parameter; for
+ * vxl_com_createcombined those of the out values and of out or in/out
+ * lengths (an out interface takes three: pointer, wrapper type, name). */
 VXL_API HRESULT vxl_com_dispcall(IDispatch *object, const vxl_methoddef *method, ...);
 VXL_API HRESULT vxl_com_directdispcall(IDispatch *object, const vxl_methoddef *method, ...);
 VXL_API SAFEARRAY *vxl_com_createcombined(const vxl_methoddef *method, ...);

@@ -188,7 +188,8 @@ TEST(DispatchLeaks, AThousandCallsOfEachKindLeaveNothing)
         Def mixed("Mixed", {in(VXL_TYPE_INT), in(VXL_TYPE_DOUBLE), in(VXL_TYPE_STRING), out(VXL_TYPE_STRING)});
         Def pair("Pair", {in(VXL_TYPE_INT), out(VXL_TYPE_INT), out(VXL_TYPE_STRING)});
         Def sum("Sum", {in(VXL_TYPE_DOUBLE, ~1), in(VXL_TYPE_INT), out(VXL_TYPE_DOUBLE)});
-        Def tick("Tick", {});
+        Def pack("f", {out(VXL_TYPE_STRING), out(VXL_TYPE_DOUBLE, 2)});
+        const double reals[] = {1, 2};
         Recorder sink;
         sink.names[L"Tick"] = 3;
         TaskMemoryCounter memory;
@@ -219,6 +220,7 @@ TEST(DispatchLeaks, AThousandCallsOfEachKindLeaveNothing)
                              sinks);
             VariantClear(&arg);
             sink.forget();
+            SafeArrayDestroy(vxl_com_createcombined(&pack.method, "packed", reals));
         }
         memory.remove();
         EXPECT_EQ(0, memory.live);

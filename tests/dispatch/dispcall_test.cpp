@@ -381,4 +381,53 @@ TEST(DispCallStandard, ReachesAVtableObjectThroughOleaut32)
     CoUninitialize();
 }
 
+// Wine's Scripting.Dictionary: an Automation object nobody here wrote.
+TEST(DispCallStandard, DrivesScriptingDictionary)
+{
+    CoInitialize(nullptr);
+    CLSID clsid;
+    IDispatch *dictionary = nullptr;
+    ASSERT_EQ(S_OK, CLSIDFromProgID(L"Scripting.Dictionary", &clsid));
+    ASSERT_EQ(S_OK, CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, IID_IDispatch,
+                                     reinterpret_cast<void **>(&dictionary)));
+    Def add("Add", {in(VXL_TYPE_STRING), in(VXL_TYPE_INT)});
+    BSTR keys[] = {SysAllocString(L"one"), SysAllocString(L"two")};
+    EXPECT_EQ(S_OK, vxl_com_dispcall(dictionary, &add.method, keys[0], 1));
+    EXPECT_EQ(S_OK, vxl_com_dispcall(dictionary, &add.method, keys[1], 2));
+    // A second Add of one key is the dictionary's error, passed on as it is.
+    EXPECT_EQ(DISP_E_EXCEPTION, vxl_com_dispcall(dictionary, &add.method, keys[0], 3));
+
+    // Exists answers VT_BOOL, which no kit type accepts: the call succeeds
+    // and the variable stays as it was.
+    Def exists("Exists", {in(VXL_TYPE_STRING), out(VXL_TYPE_INT)});
+    int32_t found = 0xdeadbeef;
+    EXPECT_EQ(S_OK, vxl_com_dispcall(dictionary, &exists.method, keys[1], &found));
+    EXPECT_EQ(static_cast<int32_t>(0xdeadbeef), found);
+
+    // Keys comes back as a SAFEARRAY of VARIANTs, read with the kit's readers.
+    Def keysMethod("Keys", {out(VXL_TYPE_STRING, 1)});
+    SAFEARRAY *got = nullptr;
+    ASSERT_EQ(S_OK, vxl_com_dispcall(dictionary, &keysMethod.method, &got));
+    int32_t n = vxl_com_safearraylen(got);
+    ASSERT_EQ(2, n);
+    char **strings = vxl_com_createstringarrayfromsafearray(got, n);
+    EXPECT_STREQ("one", strings[0]);
+    EXPECT_STREQ("two", strings[1]);
+    vxl_freestringarray(strings, n);
+    SafeArrayDestroy(got);
+
+    Def items("Items", {out(VXL_TYPE_INT, 1)});
+    ASSERT_EQ(S_OK, vxl_com_directdispcall(dictionary, &items.method, &got)); // the callee's own array
+    int32_t *values = vxl_com_createintarrayfromsafearray(got, vxl_com_safearraylen(got));
+    EXPECT_EQ(1, values[0]);
+    EXPECT_EQ(2, values[1]);
+    vxl_free(values);
+    SafeArrayDestroy(got);
+
+    for (BSTR key : keys)
+        SysFreeString(key);
+    dictionary->Release();
+    CoUninitialize();
+}
+
 } // namespace
