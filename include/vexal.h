@@ -312,6 +312,23 @@ VXL_API char **vxl_com_copystringarrayfromvariantsafearrayvariant(const VARIANT 
 VXL_API vxl_if *vxl_com_copyinterfacearrayfromvariantsafearrayvariant(const VARIANT *v, int32_t count,
                                                                       const char *ifname, const char *wtype);
 
+/* ---- Dispatch calls, combined values, events, type information ------- */
+/* Variadic arguments, one 64-bit slot each, in declaration order: for the
+ * two calls one per parameter that is not a length parameter; for
+ * vxl_com_createcombined those of the out values and of out or in/out
+ * lengths (an out interface takes three: pointer, wrapper type, name). */
+VXL_API HRESULT vxl_com_dispcall(IDispatch *object, const vxl_methoddef *method, ...);
+VXL_API HRESULT vxl_com_directdispcall(IDispatch *object, const vxl_methoddef *method, ...);
+VXL_API SAFEARRAY *vxl_com_createcombined(const vxl_methoddef *method, ...);
+VXL_API HRESULT vxl_com_cpinvoke(const char *ifname, DISPID member, REFIID riid, LCID lcid, WORD flags,
+                                 DISPPARAMS *params, VARIANT *result, EXCEPINFO *excepinfo, UINT *argerr,
+                                 int32_t sinkcount, IDispatch **sinks);
+/* Owned by the runtime's cache: not to be released. kind is "S" or "CP". */
+VXL_API ITypeInfo *vxl_com_gettypeinfo(const char *ifname, const char *kind);
+VXL_API HRESULT vxl_com_getdispinterface(BSTR ifname, IDispatch **result, IUnknown *object);
+/* With its own reference, which the caller releases. */
+VXL_API ITypeInfo *vxl_com_getcomponentobjecttypeinfo(const GUID *libid, const GUID *guid);
+
 #ifdef __cplusplus
 }
 #endif
