@@ -19,37 +19,6 @@ ITypeLib *testTypeLib()
     return typelib;
 }
 
-Callee::Callee()
-{
-    ITypeInfo *info = nullptr;
-    testTypeLib()->GetTypeInfoOfGuid(IID_ICallee, &info);
-    IUnknown *standard = nullptr;
-    CreateStdDispatch(this, static_cast<ICallee *>(this), info, &standard);
-    standard->QueryInterface(IID_IDispatch, reinterpret_cast<void **>(&dispatch_));
-    standard->Release();
-    info->Release();
-}
-
-Callee::~Callee()
-{
-    dispatch_->Release();
-}
-
-HRESULT Callee::QueryInterface(REFIID iid, void **out)
-{
-    if (iid == IID_IUnknown || iid == IID_ICallee) {
-        *out = static_cast<ICallee *>(this);
-        return S_OK;
-    }
-    if (iid == IID_IDispatch) {
-        dispatch_->AddRef();
-        *out = dispatch_;
-        return S_OK;
-    }
-    *out = nullptr;
-    return E_NOINTERFACE;
-}
-
 HRESULT Callee::Mixed(int a, double b, BSTR c, BSTR *r)
 {
     WCHAR text[64];

@@ -4,6 +4,7 @@
 #include "dispatchfakes.h"
 #include "dispatchtest.h"
 #include "harness.h"
+#include "taskmemory.h"
 
 #include <gtest/gtest.h>
 
@@ -15,37 +16,10 @@ constexpr DISPID kTick = 5; // as the events interface numbers it
 
 // A sink as a C++ component would write one: a vtable object behind
 // oleaut32's standard dispatch.
-class EventSink : public ICalleeEvents {
+class EventSink : public StdDispatched<ICalleeEvents> {
 public:
-    EventSink()
-    {
-        ITypeInfo *info = nullptr;
-        testTypeLib()->GetTypeInfoOfGuid(IID_ICalleeEvents, &info);
-        IUnknown *standard = nullptr;
-        CreateStdDispatch(this, static_cast<ICalleeEvents *>(this), info, &standard);
-        standard->QueryInterface(IID_IDispatch, reinterpret_cast<void **>(&dispatch_));
-        standard->Release();
-        info->Release();
-    }
-    ~EventSink() { dispatch_->Release(); }
-    IDispatch *dispatch() { return dispatch_; }
+    EventSink() : StdDispatched(IID_ICalleeEvents) {}
     std::vector<std::wstring> ticks;
-
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID, void **out) override
-    {
-        *out = nullptr;
-        return E_NOINTERFACE;
-    }
-    ULONG STDMETHODCALLTYPE AddRef() override { return 2; }
-    ULONG STDMETHODCALLTYPE Release() override { return 1; }
-    HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT *) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT, LCID, ITypeInfo **) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR *, UINT, LCID, DISPID *) override { return E_NOTIMPL; }
-    HRESULT STDMETHODCALLTYPE Invoke(DISPID, REFIID, LCID, WORD, DISPPARAMS *, VARIANT *, EXCEPINFO *,
-                                     UINT *) override
-    {
-        return E_NOTIMPL;
-    }
     HRESULT STDMETHODCALLTYPE Tick(int n, BSTR text) override
     {
         ticks.push_back(std::to_wstring(n) + L" " + text);
@@ -56,9 +30,6 @@ public:
         *v *= 2;
         return S_OK;
     }
-
-private:
-    IDispatch *dispatch_ = nullptr;
 };
 
 class CpInvoke : public testing::Test {
@@ -192,7 +163,7 @@ TEST(DispatchLeaks, AThousandCallsOfEachKindLeaveNothing)
         const double reals[] = {1, 2};
         Recorder sink;
         sink.names[L"Tick"] = 3;
-        TaskMemoryCounter memory;
+        vxltest::TaskMemoryCounter memory;
         ASSERT_TRUE(memory.install());
         for (int i = 0; i < 1000; ++i) {
             BSTR text = SysAllocString(L"leak?");

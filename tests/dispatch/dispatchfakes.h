@@ -1,7 +1,6 @@
 // Test doubles of the dispatch tests: an IDispatch that records what each
-// Invoke received and answers a programmed result, a counter of live task
-// memory (BSTRs and SAFEARRAYs come from it when the BSTR cache is off), and
-// an object served by oleaut32's standard dispatch over a vtable.
+// Invoke received and answers a programmed result, and objects served by
+// oleaut32's standard dispatch over a vtable.
 #pragma once
 
 #include "dispatchtest.h"
@@ -108,77 +107,40 @@ public:
     }
 };
 
-// Live blocks of COM task memory, counted through an IMallocSpy. With the
-// BSTR cache off (for good, from install() on) every BSTR and SAFEARRAY is
-// such a block.
-class TaskMemoryCounter : public IMallocSpy {
-public:
-    LONG live = 0;
-    bool install()
-    {
-        auto noCache = reinterpret_cast<void(WINAPI *)(void)>(
-            GetProcAddress(GetModuleHandleA("oleaut32.dll"), "SetOaNoCache"));
-        if (!noCache)
-            return false;
-        noCache();
-        return SUCCEEDED(CoRegisterMallocSpy(this));
-    }
-    void remove() { CoRevokeMallocSpy(); }
-
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void **out) override
-    {
-        if (iid == IID_IUnknown || iid == IID_IMallocSpy) {
-            *out = this;
-            return S_OK;
-        }
-        *out = nullptr;
-        return E_NOINTERFACE;
-    }
-    ULONG STDMETHODCALLTYPE AddRef() override { return 2; }
-    ULONG STDMETHODCALLTYPE Release() override { return 1; }
-    SIZE_T STDMETHODCALLTYPE PreAlloc(SIZE_T cb) override { return cb; }
-    void *STDMETHODCALLTYPE PostAlloc(void *actual) override
-    {
-        if (actual)
-            InterlockedIncrement(&live);
-        return actual;
-    }
-    void *STDMETHODCALLTYPE PreFree(void *request, BOOL spyed) override
-    {
-        if (request && spyed)
-            InterlockedDecrement(&live);
-        return request;
-    }
-    void STDMETHODCALLTYPE PostFree(BOOL) override {}
-    SIZE_T STDMETHODCALLTYPE PreRealloc(void *request, SIZE_T cb, void **newRequest, BOOL) override
-    {
-        *newRequest = request;
-        return cb;
-    }
-    void *STDMETHODCALLTYPE PostRealloc(void *actual, BOOL) override { return actual; }
-    void *STDMETHODCALLTYPE PreGetSize(void *request, BOOL) override { return request; }
-    SIZE_T STDMETHODCALLTYPE PostGetSize(SIZE_T actual, BOOL) override { return actual; }
-    void *STDMETHODCALLTYPE PreDidAlloc(void *request, BOOL) override { return request; }
-    int STDMETHODCALLTYPE PostDidAlloc(void *, BOOL, int actual) override { return actual; }
-    void STDMETHODCALLTYPE PreHeapMinimize() override {}
-    void STDMETHODCALLTYPE PostHeapMinimize() override {}
-};
-
 // The type library embedded in this test program.
 ITypeLib *testTypeLib();
 
-// An object of ICallee or ICalleeEvents whose IDispatch is oleaut32's
-// standard dispatch over its vtable.
-class Callee : public ICallee {
+// A vtable object whose IDispatch is oleaut32's standard dispatch, built
+// from the interface's type information in the embedded type library; the
+// object itself answers only its own interface.
+template <class Itf> class StdDispatched : public Itf {
 public:
-    Callee();
-    ~Callee();
+    explicit StdDispatched(REFIID iid) : iid_(iid)
+    {
+        ITypeInfo *info = nullptr;
+        testTypeLib()->GetTypeInfoOfGuid(iid, &info);
+        IUnknown *standard = nullptr;
+        CreateStdDispatch(this, static_cast<Itf *>(this), info, &standard);
+        standard->QueryInterface(IID_IDispatch, reinterpret_cast<void **>(&dispatch_));
+        standard->Release();
+        info->Release();
+    }
+    virtual ~StdDispatched() { dispatch_->Release(); }
     IDispatch *dispatch() { return dispatch_; }
-    int nothingCalls = 0;
 
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void **out) override;
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void **out) override
+    {
+        if (iid == IID_IDispatch) {
+            dispatch_->AddRef();
+            *out = dispatch_;
+            return S_OK;
+        }
+        *out = iid == IID_IUnknown || iid == iid_ ? static_cast<Itf *>(this) : nullptr;
+        return *out ? S_OK : E_NOINTERFACE;
+    }
     ULONG STDMETHODCALLTYPE AddRef() override { return 2; }
     ULONG STDMETHODCALLTYPE Release() override { return 1; }
+    // Calls by name reach the standard dispatch, never these.
     HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT *) override { return E_NOTIMPL; }
     HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT, LCID, ITypeInfo **) override { return E_NOTIMPL; }
     HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR *, UINT, LCID, DISPID *) override { return E_NOTIMPL; }
@@ -187,6 +149,16 @@ public:
     {
         return E_NOTIMPL;
     }
+
+private:
+    IID iid_;
+    IDispatch *dispatch_ = nullptr;
+};
+
+class Callee : public StdDispatched<ICallee> {
+public:
+    Callee() : StdDispatched(IID_ICallee) {}
+    int nothingCalls = 0;
     HRESULT STDMETHODCALLTYPE Mixed(int a, double b, BSTR c, BSTR *r) override;
     HRESULT STDMETHODCALLTYPE Twice(int x, int *r) override;
     HRESULT STDMETHODCALLTYPE Bump(VARIANT *v) override;
@@ -194,9 +166,6 @@ public:
     HRESULT STDMETHODCALLTYPE Small(short *r) override;
     HRESULT STDMETHODCALLTYPE Pair(int n, VARIANT *r) override;
     HRESULT STDMETHODCALLTYPE Nothing() override;
-
-private:
-    IDispatch *dispatch_ = nullptr;
 };
 
 // Parameter definitions and method definitions made at run time.

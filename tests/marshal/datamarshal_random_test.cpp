@@ -1,11 +1,12 @@
 // Thousands of random SAFEARRAYs and VARIANTs (tags, shapes, bounds, wrong
 // and oversized counts) through every reader and writer, in a child whose
-// oleaut32 caches no BSTRs (OANOCACHE). Nothing may crash or write past what
+// oleaut32 caches no BSTRs. Nothing may crash or write past what
 // the array holds; and of passes run twice, the second may leave no block of
 // task memory (BSTRs, SAFEARRAYs: counted by an IMallocSpy, which also fails
 // every n-th allocation in half the passes) and no kit block (counted on the
 // C runtime heap) behind.
 #include "datamarshal.h"
+#include "taskmemory.h"
 
 #include <malloc.h>
 
@@ -16,25 +17,7 @@ using namespace dm;
 
 namespace {
 
-struct CountingSpy : IMallocSpy {
-    LONG live = 0;
-    unsigned failEvery = 0, allocations = 0;
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID, void **out) override { return *out = this, S_OK; }
-    ULONG STDMETHODCALLTYPE AddRef() override { return 2; }
-    ULONG STDMETHODCALLTYPE Release() override { return 1; }
-    SIZE_T STDMETHODCALLTYPE PreAlloc(SIZE_T size) override { return failEvery && ++allocations % failEvery == 0 ? 0 : size; }
-    void *STDMETHODCALLTYPE PostAlloc(void *block) override { return live += block != nullptr, block; }
-    void *STDMETHODCALLTYPE PreFree(void *block, BOOL spied) override { return live -= block && spied, block; }
-    void STDMETHODCALLTYPE PostFree(BOOL) override {}
-    SIZE_T STDMETHODCALLTYPE PreRealloc(void *block, SIZE_T size, void **out, BOOL) override { return *out = block, size; }
-    void *STDMETHODCALLTYPE PostRealloc(void *block, BOOL) override { return block; }
-    void *STDMETHODCALLTYPE PreGetSize(void *block, BOOL) override { return block; }
-    SIZE_T STDMETHODCALLTYPE PostGetSize(SIZE_T size, BOOL) override { return size; }
-    void *STDMETHODCALLTYPE PreDidAlloc(void *block, BOOL) override { return block; }
-    int STDMETHODCALLTYPE PostDidAlloc(void *, BOOL, int actual) override { return actual; }
-    void STDMETHODCALLTYPE PreHeapMinimize() override {}
-    void STDMETHODCALLTYPE PostHeapMinimize() override {}
-} spy;
+vxltest::TaskMemoryCounter spy;
 
 long kitBlocks()
 {
@@ -224,7 +207,7 @@ void kitArrays()
 void pass(unsigned seed, unsigned failEvery)
 {
     rng.seed(seed);
-    spy.failEvery = failEvery, spy.allocations = 0;
+    spy.failEvery = failEvery;
     for (int round = 0; round < 1000; ++round) {
         SAFEARRAY *sa = randomArray();
         VARTYPE vt = VT_VARIANT;
@@ -253,7 +236,7 @@ VXL_CHILD(randomized)
         pool[i] = newCounter(), poolWrappers[i] = reinterpret_cast<IDispatch *>(vxl_wrapptr(pool[i], DM_IF));
     refBstr = SysAllocString(L"by reference"), refDispatch = poolWrappers[0];
     V_VT(&refVariants[0]) = VT_I2, V_I2(&refVariants[0]) = -7, refVariants[1] = byref(VT_VARIANT, &refVariants[0]);
-    if (FAILED(CoRegisterMallocSpy(&spy)))
+    if (!spy.install())
         return 2;
     BSTR probe = SysAllocString(L"probe");
     LONG counted = spy.live;
@@ -264,7 +247,8 @@ VXL_CHILD(randomized)
     for (int run = 0; run < 2; ++run)
         pass(1, 0), pass(2, 23), blocks[run] = kitBlocks();
     printf("task blocks left %ld, kit blocks %ld then %ld, faults %d\n", spy.live, blocks[0], blocks[1], faults);
-    if (spy.live != 0 || blocks[1] != blocks[0] || faults || CoRevokeMallocSpy() != S_OK)
+    spy.remove();
+    if (spy.live != 0 || blocks[1] != blocks[0] || faults)
         return 4;
     SysFreeString(refBstr);
     for (int i = 0; i < 2; ++i)
@@ -274,7 +258,5 @@ VXL_CHILD(randomized)
 
 TEST(DataMarshalRandom, EveryReaderOverRandomInputLeavesNothing)
 {
-    SetEnvironmentVariableA("OANOCACHE", "1");
     EXPECT_EQ(0, vxltest::runChild("randomized", nullptr));
-    SetEnvironmentVariableA("OANOCACHE", nullptr);
 }
