@@ -249,10 +249,16 @@ int32_t proxyGreetings(void *impl, int32_t *count)
     return vxl_com_hret2err(hr);
 }
 
-// Proxies are made only by the runtime, around a COM interface.
+// Proxies are made only by the runtime, around a COM interface; a client
+// that asks for one by class name is refused. The destroy callback runs for
+// the refused object as well, which has no COM interface behind it.
 int32_t refuseCreate(void **, vxl_if)
 {
     return VXL_EFAIL;
+}
+int32_t destroyProxy(void *pcomif, vxl_if pif)
+{
+    return pcomif ? vxl_com_wrapperdestructor(pcomif, pif) : VXL_OK;
 }
 
 template <class Itf>
@@ -270,12 +276,12 @@ const vxl_componentinterface *const greeterProxyEntries[] = {&greeterProxyEntry}
 
 // Named "<interface>_<wrapper type>_proxy", as the runtime looks them up.
 const vxl_componentdef calculatorComProxy = {"ICalculator_com_proxy", 1, calculatorProxyEntries<IVxCalculator>,
-                                             refuseCreate, vxl_com_wrapperdestructor, vxl_com_wrappergetinterface};
+                                             refuseCreate, destroyProxy, vxl_com_wrappergetinterface};
 const vxl_componentdef calculatorComSProxy = {"ICalculator_comS_proxy", 1,
                                               calculatorProxyEntries<IVxCalculatorDisp>, refuseCreate,
-                                              vxl_com_wrapperdestructor, vxl_com_wrappergetinterface};
+                                              destroyProxy, vxl_com_wrappergetinterface};
 const vxl_componentdef greeterComSProxy = {"IGreeter_comS_proxy", 1, greeterProxyEntries, refuseCreate,
-                                           vxl_com_wrapperdestructor, vxl_com_wrappergetinterface};
+                                           destroyProxy, vxl_com_wrappergetinterface};
 const vxl_componentdef *const proxyClasses[] = {&calculatorComProxy, &calculatorComSProxy, &greeterComSProxy,
                                                 nullptr};
 
