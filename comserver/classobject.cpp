@@ -127,22 +127,17 @@ CFactory *vxl_com_getclassfactory(const char *name, bool create)
 // Only for a class object that is in the cache.
 void vxl_com_removeclassfactory(CFactory *classobject)
 {
-    CacheEntry *entry = nullptr;
-    {
-        CacheLocks locks(false);
-        for (CacheEntry **link = &g_classobjects; *link; link = &(*link)->next) {
-            if ((*link)->classobject == classobject) {
-                entry = *link;
-                *link = entry->next;
-                break;
-            }
-        }
-        if (!entry)
-            return;
+    vxl_comlockguard lock(VXL_CLASSOBJECT_LOCK);
+    for (CacheEntry **link = &g_classobjects; *link; link = &(*link)->next) {
+        CacheEntry *entry = *link;
+        if (entry->classobject != classobject)
+            continue;
+        *link = entry->next;
         vxl_destroyclassfactory(classobject->kitfactory);
         delete classobject;
         vxl_free(entry->name);
         vxl_free(entry);
+        return;
     }
 }
 
