@@ -11,6 +11,7 @@
 #include <windows.h>
 
 #include <climits>
+#include <cstdio>
 #include <sstream>
 #include <string>
 
@@ -127,6 +128,8 @@ TEST_F(RegisteredSample, ScriptsCallTheComponentThroughItsDispatchWrapper)
     }
 }
 
+// In-process, the "com" wrapper that the class object hands out unwraps back
+// into the kit object it stands for.
 TEST_F(RegisteredSample, KitClientCreatesInProcessByProgId)
 {
     struct Case {
@@ -167,6 +170,26 @@ TEST_F(RegisteredSample, KitClientCreatesInProcessByProgId)
     EXPECT_EQ(VXL_OK, vxl_createinstance("VexalSample.Calculator", "ICalculator", &calc));
     EXPECT_EQ("", creationLines(tail.text()));
     vxl_decref(calc);
+}
+
+// In-process, an interface that the object offers only in its dual form
+// is unwrapped last, as "comS": the client gets a kit proxy of it.
+TEST_F(RegisteredSample, InProcessDualOnlyInterfaceComesAsAProxy)
+{
+    vxltest::LogTail tail;
+    vxl_if greeter = nullptr;
+    ASSERT_EQ(VXL_OK, vxl_createinstance("VexalSample.Latest", "IGreeter", &greeter));
+    EXPECT_NE(std::string::npos,
+              creationLines(tail.text()).find("  --> got com dll component object\n  --> wrapped as vxiS\n"));
+    char *text = nullptr;
+    EXPECT_EQ(VXL_OK, VXL_METHOD(greeter, VXSAMPLE_GREET, vxsample_greet_slot)(greeter, "kit", &text));
+    EXPECT_STREQ("Hello, kit!", text);
+    vxl_free(text);
+    vxl_decref(greeter);
+    // A proxy's row ends with the proxy ("pif"), a wrapper's with its object ("pobj").
+    char end[64];
+    snprintf(end, sizeof end, ", pif = %x\n", static_cast<unsigned>(reinterpret_cast<uintptr_t>(greeter)));
+    EXPECT_NE(std::string::npos, tail.text().find(end));
 }
 
 TEST_F(RegisteredSample, KitClientGetsProxiesFromTheLocalServer)
