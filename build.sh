@@ -6,7 +6,9 @@ cd "$(dirname "$0")"
 what=${1:-test}
 build=${VEXAL_BUILD_DIR:-build}
 
-packages=(cmake make g++-mingw-w64-x86-64-posix mingw-w64-tools wine wine64 googletest)
+# libwine-dev: the system IDL files that widl imports; wine64: stdole2.tlb,
+# regsvr32 and cscript, which the tests drive.
+packages=(cmake make g++-mingw-w64-x86-64-posix mingw-w64-tools wine wine64 libwine-dev googletest)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

