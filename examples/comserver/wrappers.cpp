@@ -18,6 +18,7 @@
 #include <windows.h>
 
 #include <new>
+#include <vector>
 
 namespace {
 
@@ -132,7 +133,7 @@ HRESULT returnString(int32_t status, char *text, BSTR *out)
     return vxl_com_err2hret(status);
 }
 
-template <class Base> class CalculatorWrapper final : public Base {
+template <class Base> class CalculatorWrapper : public Base {
 public:
     using Base::Base;
 
@@ -163,6 +164,53 @@ public:
         vxl_free(kitlabel);
         return returnString(status, kittext, text);
     }
+};
+
+// The scripts' form also serves the outgoing interface: it keeps the sinks
+// connected through it and fires Overflow to them, through the runtime,
+// which calls each sink by its own number for the event's name. Sinks are
+// called on the wrapper's own thread, as its apartment requires.
+class CalculatorDispatchWrapper final : public CalculatorWrapper<DispatchWrapper<IVxCalculatorDisp>> {
+public:
+    using CalculatorWrapper::CalculatorWrapper;
+    ~CalculatorDispatchWrapper() override
+    {
+        for (IDispatch *sink : sinks_)
+            sink->Release();
+    }
+
+    HRESULT STDMETHODCALLTYPE Listen(IDispatch *sink) override
+    {
+        if (!sink)
+            return E_POINTER;
+        try {
+            sinks_.push_back(sink);
+        } catch (const std::bad_alloc &) {
+            return E_OUTOFMEMORY;
+        }
+        sink->AddRef();
+        return S_OK;
+    }
+    HRESULT STDMETHODCALLTYPE Add(LONG a, LONG b, LONG *sum) override
+    {
+        HRESULT hr = CalculatorWrapper::Add(a, b, sum);
+        if (hr == vxl_com_err2hret(VXSAMPLE_E_OVERFLOW) && !sinks_.empty()) {
+            VARIANT args[2]; // last argument first
+            V_VT(&args[0]) = VT_I4;
+            V_I4(&args[0]) = b;
+            V_VT(&args[1]) = VT_I4;
+            V_I4(&args[1]) = a;
+            DISPPARAMS params = {args, nullptr, 2, 0};
+            vxl_com_cpinvoke("ICalculator", DISPID_OVERFLOW, IID_NULL, LOCALE_USER_DEFAULT, DISPATCH_METHOD,
+                             &params, nullptr, nullptr, nullptr, static_cast<int32_t>(sinks_.size()),
+                             sinks_.data());
+        }
+        return hr;
+    }
+
+private:
+    static constexpr DISPID DISPID_OVERFLOW = 1; // as IVxCalculatorEvents numbers it
+    std::vector<IDispatch *> sinks_;
 };
 
 template <class Base> class GreeterWrapper final : public Base {
@@ -295,7 +343,7 @@ const vxl_comifinfo calculatorInfo = {
     IID_IVxCalculatorEvents,
     CLSID_CPICalculator,
     makeWrapper<CalculatorWrapper<Wrapper<IVxCalculator>>>,
-    makeWrapper<CalculatorWrapper<DispatchWrapper<IVxCalculatorDisp>>>,
+    makeWrapper<CalculatorDispatchWrapper>,
     nullptr,
     nullptr,
 };

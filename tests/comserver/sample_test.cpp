@@ -124,7 +124,8 @@ TEST_F(RegisteredSample, ScriptsCallTheComponentThroughItsDispatchWrapper)
     for (const char *script : {"sample_calc.js", "sample_calc.vbs"}) {
         std::string output;
         EXPECT_EQ(0, runProgram("cscript.exe //nologo \"" + inBin(script) + "\"", &output)) << output;
-        EXPECT_EQ("42\r\n3.75\r\npi = 3.25\r\noverflow 800401FF\r\n", output) << script;
+        EXPECT_EQ("42\r\n3.75\r\npi = 3.25\r\nevent Overflow 2147483647 1\r\noverflow 800401FF\r\n", output)
+            << script;
     }
 }
 
