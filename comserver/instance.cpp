@@ -1,7 +1,7 @@
 // Creation of COM objects for kit clients, as the class factories call it.
 // Stand-ins until COM instance creation is in place: loading a component's
 // library by class name does nothing, and no COM object is ever found.
-#include "core/kit.h"
+#include "core/comside.h"
 
 void vxl_com_loadcomponent(const char *)
 {

@@ -8,6 +8,7 @@
 // is guarded by the cache lock, always taken after the factory lock. The
 // component library may have to load itself first (vxl_com_loadcomponent);
 // that happens with no kit lock held.
+#include "comside.h"
 #include "object.h"
 #include "x64stub.h"
 

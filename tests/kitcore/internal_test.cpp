@@ -1,6 +1,7 @@
 // Internal operations of the kit core, built into this program: the generic
 // slot table, vxl_getinterfacedef and its fatal stops, vxl_findclassfactory
 // and its retry through vxl_com_loadcomponent, and the error text.
+#include "core/comside.h"
 #include "kitcore_support.h"
 
 #include <cerrno>
