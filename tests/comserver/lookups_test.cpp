@@ -326,28 +326,19 @@ TEST(ComLookups, RecordHoldsThePointersAndOneEmptyCacheSlotPerEntry)
 
 VXL_CHILD(com_lock_race)
 {
-    constexpr int kThreads = 16;
-    std::atomic<int> ready{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t)
-        threads.emplace_back([&, t] {
-            ready.fetch_add(1);
-            while (ready.load() < kThreads) {
-            }
-            vxl_comlock lock = static_cast<vxl_comlock>(t % VXL_COM_LOCK_COUNT);
-            vxl_com_lock(lock);
-            vxl_com_lock(lock); // re-entrant for the holder
-            vxl_com_unlock(lock);
-            vxl_com_unlock(lock);
-        });
-    for (auto &t : threads)
-        t.join();
+    vxltest::runTogether(16, [](int t) {
+        vxl_comlock lock = static_cast<vxl_comlock>(t % VXL_COM_LOCK_COUNT);
+        vxl_com_lock(lock);
+        vxl_com_lock(lock); // re-entrant for the holder
+        vxl_com_unlock(lock);
+        vxl_com_unlock(lock);
+    });
     return 0;
 }
 
 TEST(ComLocks, FirstUseRaceCreatesTheSetOnce)
 {
-    for (int run = 0; run < 4; ++run) {
+    for (int run = 0; run < 2; ++run) {
         std::string log = vxltest::scratchPath("comlookups_race.log");
         ASSERT_EQ(0, vxltest::runChild("com_lock_race", log.c_str()));
         EXPECT_EQ("new lock init in com\n", vxltest::readLog(log));

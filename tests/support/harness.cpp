@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <map>
 #include <string>
+#include <thread>
+#include <vector>
 
 namespace vxltest {
 
@@ -94,26 +96,59 @@ void writeExpected(const std::string &text)
     fclose(f);
 }
 
-int runChild(const char *name, const char *logname)
+int runChild(const char *name, const char *logname, DWORD timeout)
 {
     char saved[1024];
     DWORD had = GetEnvironmentVariableA("VXLLOGNAME", saved, sizeof saved);
     SetEnvironmentVariableA("VXLLOGNAME", logname);
 
+    // Starting a process can fail for reasons of the host (a busy machine,
+    // Wine's loader short of memory), which is not what any test examines:
+    // a start is tried a few times, and a final failure names the error.
     std::string cmd = "\"" + programPath() + "\" --vxl-child=" + name;
     STARTUPINFOA si = {};
     si.cb = sizeof si;
     PROCESS_INFORMATION pi = {};
-    BOOL ok = CreateProcessA(nullptr, &cmd[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi);
+    BOOL ok = FALSE;
+    DWORD error = 0;
+    for (int attempt = 0; attempt < 5 && !ok; ++attempt) {
+        if (attempt)
+            Sleep(200 * attempt);
+        ok = CreateProcessA(nullptr, &cmd[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi);
+        error = ok ? 0 : GetLastError();
+    }
     SetEnvironmentVariableA("VXLLOGNAME", had ? saved : nullptr);
-    if (!ok)
+    if (!ok) {
+        fprintf(stderr, "child %s: CreateProcessA failed with error %lu\n", name, error);
         return -1;
-    WaitForSingleObject(pi.hProcess, INFINITE);
+    }
     DWORD code = 0;
-    GetExitCodeProcess(pi.hProcess, &code);
+    if (WaitForSingleObject(pi.hProcess, timeout) == WAIT_OBJECT_0) {
+        GetExitCodeProcess(pi.hProcess, &code);
+    } else {
+        fprintf(stderr, "child %s: still running after %lu ms, stopped\n", name, timeout);
+        TerminateProcess(pi.hProcess, kChildTimedOut);
+        WaitForSingleObject(pi.hProcess, INFINITE);
+        code = kChildTimedOut;
+    }
     CloseHandle(pi.hThread);
     CloseHandle(pi.hProcess);
     return static_cast<int>(code);
+}
+
+void runTogether(int count, const std::function<void(int)> &body)
+{
+    HANDLE start = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < count; ++t)
+        threads.emplace_back([&, t] {
+            WaitForSingleObject(start, INFINITE);
+            body(t);
+        });
+    SetEvent(start);
+    for (std::thread &t : threads)
+        t.join();
+    CloseHandle(start);
 }
 
 } // namespace vxltest

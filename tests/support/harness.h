@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 
 namespace vxltest {
@@ -30,9 +31,16 @@ private:
 };
 
 // Runs this program again as a child that executes the child function of
-// that name (see VXL_CHILD) and returns its exit code. logname is what the
-// child sees in VXLLOGNAME; null leaves the variable unset.
-int runChild(const char *name, const char *logname);
+// that name (see VXL_CHILD) and returns its exit code: -1 when it could not
+// be started, kChildTimedOut when it was stopped after timeout milliseconds.
+// logname is what the child sees in VXLLOGNAME; null leaves it unset.
+constexpr int kChildTimedOut = 0x7ead;
+int runChild(const char *name, const char *logname, unsigned long timeout = 0xFFFFFFFF);
+
+// Runs body(0) .. body(count - 1) on count threads that all wait for one
+// starting signal, given once every thread exists: the threads meet at
+// once, without spinning, every time.
+void runTogether(int count, const std::function<void(int)> &body);
 
 using ChildFn = int (*)();
 struct ChildRegistrar {
