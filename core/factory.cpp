@@ -36,7 +36,7 @@ inline volatile LONG *counter(int32_t *count)
 // is not negative and a function per method.
 bool buildable(const vxl_componentdef *def)
 {
-    if (def->ifcount < 1 || def->ifcount > VXL_MAX_INTERFACES || !def->interfaces)
+    if (def->ifcount < 1 || def->ifcount > kMaxInterfaces || !def->interfaces)
         return false;
     for (int32_t i = 0; i < def->ifcount; ++i) {
         const vxl_componentinterface *entry = def->interfaces[i];
@@ -98,7 +98,7 @@ vxl_classfactory *buildFactory(const char *name)
     for (int32_t i = 0; ok && i < n; ++i) {
         const vxl_componentinterface *entry = def->interfaces[i];
         int32_t m = entry->def->methodcount;
-        auto **slots = allocZeroed<void *>(VXL_GENERIC_SLOTS + m);
+        auto **slots = allocZeroed<void *>(kGenericSlots + m);
         if (!slots) {
             ok = false;
             break;
@@ -118,7 +118,7 @@ vxl_classfactory *buildFactory(const char *name)
         }
         factory->stubblocks[i] = stubs;
         for (int32_t j = 0; j < m; ++j)
-            slots[VXL_GENERIC_SLOTS + j] = stubs + VXL_STUB_SIZE * j;
+            slots[kGenericSlots + j] = stubs + kStubSize * j;
     }
     if (!ok) {
         freeFactory(factory);

@@ -5,6 +5,9 @@
 
 #include <cstdint>
 
+// A class has one to this many interfaces.
+constexpr int32_t kMaxInterfaces = 6;
+
 // Pointers appear in the trace log as the low 32 bits in "%x".
 #define VXL_PTR(p) ((unsigned)(uintptr_t)(p))
 

@@ -137,6 +137,36 @@ TEST(Registry, UnsoundInputIsRefusedAndChangesNothing)
     EXPECT_EQ(VXL_OK, vxl_unregister(goodList, noIfaces));
 }
 
+TEST(Registry, BrokenInterfaceTablesAreRefusedAndChangeNothing)
+{
+    static const vxl_paramdef param = {"p", VXL_TYPE_INT, VXL_DIR_IN, 0, nullptr};
+    static const vxl_paramdef *const params[] = {&param};
+    static const vxl_paramdef *const nullParam[] = {nullptr};
+    static const vxl_methoddef good = {"m", 1, params};
+    static const vxl_methoddef noParams = {"m", 1, nullptr};
+    static const vxl_methoddef nullParamEntry = {"m", 1, nullParam};
+    static const vxl_methoddef negativeParams = {"m", -1, params};
+    static const vxl_methoddef hugeParams = {"m", INT32_MAX, params};
+    static const vxl_methoddef *const methodsOf[][1] = {{&noParams}, {&nullParamEntry}, {&negativeParams},
+                                                         {&hugeParams}, {nullptr}, {&good}};
+    const vxl_interfacedef broken[] = {
+        {"IBroken", 1, methodsOf[0]}, {"IBroken", 1, methodsOf[1]}, {"IBroken", 1, methodsOf[2]},
+        {"IBroken", 1, methodsOf[3]}, {"IBroken", 1, methodsOf[4]}, {"IBroken", 1, nullptr},
+        {"IBroken", -1, methodsOf[5]}, {"IBroken", INT32_MAX, methodsOf[5]},
+    };
+    const vxl_interfacedef sound = {"IBroken", 1, methodsOf[5]};
+    vxl_componentdef c = component("BrokenTablesClass");
+    for (const vxl_interfacedef &bad : broken) {
+        SCOPED_TRACE(&bad - broken);
+        Library lib({&c}, {&sound, &bad});
+        EXPECT_EQ(VXL_EFAIL, lib.reg());
+        EXPECT_EQ(VXL_EFAIL, lib.unreg());
+    }
+    Library lib({&c}, {&sound}); // nothing of the refused calls stayed
+    EXPECT_EQ(VXL_OK, lib.reg());
+    EXPECT_EQ(VXL_OK, lib.unreg());
+}
+
 TEST(Registry, ComponentNameTakenByAnotherLibrary)
 {
     vxl_componentdef a = component("TakenClass");

@@ -247,6 +247,50 @@ TEST(GetInterfaceDef, BrokenGenericSlotsStopTheProcess)
         kt::expectChildLog(c.child, c.exitcode);
 }
 
+// ---- cached interface definitions --------------------------------------------------------
+
+TEST(Definitions, ACopyHandedOutStaysReadableAfterItsRegistrationGoes)
+{
+    static const vxl_paramdef param = {"value", VXL_TYPE_DOUBLE, VXL_DIR_OUT, 0, "second"};
+    static const vxl_paramdef *const params[] = {&param, &param};
+    static const vxl_methoddef method = {"read", 2, params};
+    static const vxl_methoddef *const methods[] = {&method, &method, &method};
+    static const vxl_interfacedef iLater = {"ILater", 3, methods};
+    static const vxl_interfacedef *const laterList[] = {&iLater, nullptr};
+    static const vxl_componentdef *const noComponents[] = {nullptr};
+    ASSERT_EQ(0, vxl_register("later", noComponents, laterList));
+    const vxl_interfacedef *def = vxl_findinterfacedef("ILater");
+    ASSERT_NE(nullptr, def);
+    ASSERT_EQ(0, vxl_unregister(noComponents, laterList));
+    EXPECT_EQ(nullptr, vxl_findinterfacedef("ILater"));
+
+    // Other libraries come and go meanwhile, with copies of the same shape.
+    static char names[16][16];
+    static vxl_interfacedef others[16];
+    static const vxl_interfacedef *otherLists[16][2];
+    for (int k = 0; k < 16; ++k) {
+        snprintf(names[k], sizeof names[k], "IOther%02d", k);
+        others[k] = {names[k], 3, methods};
+        otherLists[k][0] = &others[k];
+        ASSERT_EQ(0, vxl_register("other", noComponents, otherLists[k]));
+    }
+    for (int k = 0; k < 16; ++k)
+        ASSERT_EQ(0, vxl_unregister(noComponents, otherLists[k]));
+
+    // A lookup's answer is still the copy it was: whoever holds it may read it.
+    EXPECT_STREQ("ILater", def->name);
+    ASSERT_EQ(3, def->methodcount);
+    for (int j = 0; j < 3; ++j) {
+        EXPECT_STREQ("read", def->methods[j]->name);
+        ASSERT_EQ(2, def->methods[j]->paramcount);
+        EXPECT_STREQ("value", def->methods[j]->params[1]->name);
+        EXPECT_STREQ("second", def->methods[j]->params[1]->secondname);
+    }
+    ASSERT_EQ(0, vxl_register("later", noComponents, laterList));
+    EXPECT_EQ(def, vxl_findinterfacedef("ILater")) << "an equal definition is served by the same copy again";
+    ASSERT_EQ(0, vxl_unregister(noComponents, laterList));
+}
+
 // ---- vxl_findclassfactory and vxl_com_loadcomponent ------------------------------------
 
 TEST(FindClassFactory, LookingOnlyTakesNoUseAndBuildsNothing)
