@@ -208,7 +208,8 @@ static_assert(sizeof vxl_genericslots == 6 * 24 * sizeof(void *), "6 rows of 24 
 vxl_if vxl_newobject(vxl_classfactory *factory, void ***core)
 {
     int32_t n = factory->headlength / static_cast<int32_t>(sizeof(void *));
-    auto **block = static_cast<void **>(vxl_malloc(factory->headlength + static_cast<int32_t>(sizeof(vxl_objectcore))));
+    int64_t bytes = int64_t(factory->headlength) + int64_t(sizeof(vxl_objectcore));
+    auto **block = bytes <= INT32_MAX ? static_cast<void **>(vxl_malloc(static_cast<int32_t>(bytes))) : nullptr;
     if (!block)
         return nullptr;
     for (int32_t k = 0; k < n; ++k)

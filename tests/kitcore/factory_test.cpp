@@ -32,14 +32,18 @@ const vxl_methoddef mOne = {"one", 0, nullptr};
 const vxl_methoddef *const oneMethods[] = {&mOne};
 const vxl_interfacedef iOneMethod = {"IOneMethod", 1, oneMethods};
 const vxl_interfacedef iBroken = {"IBroken", -1, nullptr};
+// Slot table and stub block sizes that no 32-bit size holds.
+const vxl_interfacedef iHuge = {"IHuge", 0x20000000, oneMethods};
 const vxl_fn oneFns[] = {reinterpret_cast<vxl_fn>(&one)};
 
 const vxl_componentinterface plain = {&iPlain, nullptr};
 const vxl_componentinterface withMethod = {&iOneMethod, oneFns};
 const vxl_componentinterface broken = {&iBroken, nullptr};
+const vxl_componentinterface huge = {&iHuge, oneFns};
 const vxl_componentinterface *const plainIfs[] = {&plain, &plain, &plain, &plain, &plain, &plain, &plain};
 const vxl_componentinterface *const methodIfs[] = {&withMethod, &plain};
 const vxl_componentinterface *const brokenIfs[] = {&plain, &broken};
+const vxl_componentinterface *const hugeIfs[] = {&plain, &huge};
 
 #define PLAIN(name) {name, 1, plainIfs, create, destroy, nullptr}
 const vxl_componentdef facCreate = PLAIN("FacCreate");
@@ -51,13 +55,14 @@ const vxl_componentdef use3 = PLAIN("Use3");
 const vxl_componentdef useHandle = PLAIN("UseHandle");
 vxl_componentdef badCount = PLAIN("BadCount"); // its count is spoiled after registration
 const vxl_componentdef badMethods = {"BadMethods", 2, brokenIfs, create, destroy, nullptr};
+const vxl_componentdef badHuge = {"BadHuge", 2, hugeIfs, create, destroy, nullptr};
 #define RACE(name) {name, 2, methodIfs, create, destroy, nullptr}
 const vxl_componentdef races[] = {RACE("Race0"), RACE("Race1"), RACE("Race2"), RACE("Race3"),
                                   RACE("Race4"), RACE("Race5"), RACE("Race6"), RACE("Race7")};
 
 const vxl_componentdef *const localComponents[] = {
     &facCreate, &never1, &never2,   &use1,     &use2,     &use3,     &useHandle, &badCount,
-    &badMethods, &races[0], &races[1], &races[2], &races[3], &races[4], &races[5], &races[6], &races[7], nullptr};
+    &badMethods, &badHuge, &races[0], &races[1], &races[2], &races[3], &races[4], &races[5], &races[6], &races[7], nullptr};
 // IBroken is not listed: registration refuses a negative method count.
 const vxl_interfacedef *const localInterfaces[] = {&iPlain, &iOneMethod, nullptr};
 
@@ -287,7 +292,7 @@ TEST_F(Factories, DefinitionsTheBuildCannotServeGetNoFactory)
     const struct {
         const char *name;
         int32_t count; // BadCount's spoiled interface count
-    } cases[] = {{"BadCount", 0}, {"BadCount", 7}, {"BadCount", -1}, {"BadMethods", -1}};
+    } cases[] = {{"BadCount", 0}, {"BadCount", 7}, {"BadCount", -1}, {"BadMethods", -1}, {"BadHuge", -1}};
     for (const auto &c : cases) {
         SCOPED_TRACE(testing::Message() << c.name << " " << c.count);
         badCount.ifcount = c.count;
