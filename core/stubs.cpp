@@ -60,6 +60,9 @@ void *vxl_makestubblock(int32_t index, const vxl_fn *functions, int32_t count)
         vxl_writestub(block + j * kStubSize, index, reinterpret_cast<const void *>(functions[j]));
     if (!VirtualProtect(block, size, PAGE_EXECUTE_READ, &previous))
         vxl_log("VirtualProtect(XR) failed\n");
+    // Code written as data reaches the processor's instruction fetch only
+    // once the instruction cache has been told.
+    FlushInstructionCache(GetCurrentProcess(), block, static_cast<SIZE_T>(size));
     return block;
 }
 

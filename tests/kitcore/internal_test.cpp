@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 #include <functional>
+#include <vector>
 
 using kt::deadbeef;
 using kt::hex;
@@ -156,6 +157,59 @@ TEST(GenericSlots, EveryGroupFindsItsObjectFromItsOwnInterface)
         EXPECT_EQ(destroys + 1, g_destroys);
         EXPECT_EQ(0, cls.factory.usecount);
     }
+}
+
+// ---- stubs reach the processor ------------------------------------------------------------
+// The stub writer's FlushInstructionCache calls land here: this program links
+// the runtime's objects, whose import of the function is this pointer.
+
+namespace {
+
+struct FlushCall {
+    HANDLE process;
+    const void *base;
+    SIZE_T size;
+};
+std::vector<FlushCall> g_flushes;
+
+BOOL WINAPI countingFlush(HANDLE process, LPCVOID base, SIZE_T size)
+{
+    g_flushes.push_back({process, base, size});
+    auto real = reinterpret_cast<BOOL(WINAPI *)(HANDLE, LPCVOID, SIZE_T)>(
+        reinterpret_cast<void *>(GetProcAddress(GetModuleHandleA("kernel32.dll"), "FlushInstructionCache")));
+    return real(process, base, size);
+}
+
+int32_t stubTarget(void *impl, int32_t x) { return x * 2 + (impl ? 1 : 0); }
+const vxl_methoddef mTwice = {"twice", 0, nullptr};
+const vxl_methoddef *const twiceMethods[] = {&mTwice, &mTwice};
+const vxl_interfacedef iTwice = {"ITwice", 2, twiceMethods};
+const vxl_fn twiceFns[] = {reinterpret_cast<vxl_fn>(&stubTarget), reinterpret_cast<vxl_fn>(&stubTarget)};
+const vxl_componentinterface twice = {&iTwice, twiceFns};
+const vxl_componentinterface *const twiceIfs[] = {&gdA, &twice};
+const vxl_componentdef flushed = {"Flushed", 2, twiceIfs, nullptr, destroy, nullptr};
+const vxl_componentdef *const flushedList[] = {&flushed, nullptr};
+const vxl_interfacedef *const flushedIfs[] = {&iTwice, nullptr};
+
+} // namespace
+
+extern "C" {
+decltype(&FlushInstructionCache) __imp_FlushInstructionCache = countingFlush;
+}
+
+TEST(Stubs, EveryStubBlockIsFlushedOnceWrittenAndCallsThrough)
+{
+    ASSERT_EQ(0, vxl_register("flushed", flushedList, flushedIfs));
+    g_flushes.clear();
+    vxl_if b = nullptr;
+    ASSERT_EQ(0, vxl_createinstance("Flushed", "ITwice", &b));
+    vxl_classfactory *f = reinterpret_cast<vxl_classfactory **>(b)[3];
+    ASSERT_EQ(1u, g_flushes.size()) << "one block has code; GdA has no methods";
+    EXPECT_EQ(GetCurrentProcess(), g_flushes[0].process);
+    EXPECT_EQ(f->stubblocks[1], g_flushes[0].base);
+    EXPECT_EQ(32u, g_flushes[0].size);
+    EXPECT_EQ(42, VXL_METHOD(b, 1, int32_t(*)(vxl_if, int32_t))(b, 21));
+    vxl_decref(b);
 }
 
 // ---- vxl_getinterfacedef ----------------------------------------------------------------
