@@ -303,32 +303,6 @@ TEST(Tarnel, DeletesWhileCursorIsOpenAreSkipped)
     EXPECT_EQ(trn_closecursor(cursor), 0);
 }
 
-TEST(Tarnel, CursorBetweenDifferentBounds)
-{
-    void *table = wrapperTable();
-    void *byDefName = index(table, kMulti, {PDEF, IFNAME});
-    for (int i = 0; i < 10; ++i) {
-        Rec r = row(1, i, 0x100 + i, i, i % 2 ? "IB" : "IA", "com");
-        ASSERT_EQ(trn_insert(table, r.data()), 0);
-    }
-    // Keys order column by column: pointers as unsigned values, then text.
-    Rec low = row(kDead, kDead, 0x103, kDead, "IB", "?");
-    Rec high = row(kDead, kDead, 0x106, kDead, "IA", "?");
-    void *cursor = trn_opencursor(byDefName, low.data(), high.data());
-    ASSERT_NE(cursor, nullptr);
-    std::set<int64_t> got;
-    Rec r;
-    while (trn_fetch(cursor, r.data()) == 0)
-        got.insert(r.c[PDEF]);
-    EXPECT_EQ(got, (std::set<int64_t>{0x103, 0x104, 0x105, 0x106}));
-    trn_closecursor(cursor);
-    // Bounds the wrong way round give an empty cursor.
-    cursor = trn_opencursor(byDefName, high.data(), low.data());
-    ASSERT_NE(cursor, nullptr);
-    EXPECT_NE(trn_fetch(cursor, r.data()), 0);
-    trn_closecursor(cursor);
-}
-
 // ---- string keys -----------------------------------------------------------
 
 TEST(Tarnel, StringKeysCompareByText)
@@ -442,6 +416,27 @@ TEST(Tarnel, BadArgumentsAreRefused)
     EXPECT_EQ(trn_fetch(cursor, r.data()), 0) << "the cursor still works after refused calls";
     EXPECT_EQ(trn_closecursor(cursor), 0);
     EXPECT_EQ(trn_rowcount(table), 1);
+}
+
+TEST(Tarnel, ClosedCursorIsRefusedEvenWhenItsMemoryServesAnotherCursor)
+{
+    void *table = wrapperTable();
+    void *byDef = index(table, kMulti, {PDEF});
+    Rec r = row(1, 2, 0xabc0, 3, "I", "com");
+    ASSERT_EQ(trn_insert(table, r.data()), 0);
+    void *other = wrapperTable();
+    void *otherByDef = index(other, kMulti, {PDEF});
+    ASSERT_EQ(trn_insert(other, r.data()), 0);
+    void *closed = trn_opencursor(byDef, r.data(), r.data());
+    ASSERT_NE(closed, nullptr);
+    ASSERT_EQ(trn_closecursor(closed), 0);
+    // A cursor of another table, opened now, may take the same memory.
+    void *live = trn_opencursor(otherByDef, r.data(), r.data());
+    ASSERT_NE(live, nullptr);
+    EXPECT_EQ(trn_fetch(closed, r.data()), TRN_EBADARG);
+    EXPECT_EQ(trn_closecursor(closed), TRN_EBADARG);
+    EXPECT_EQ(trn_fetch(live, r.data()), 0) << "the live cursor is untouched";
+    EXPECT_EQ(trn_closecursor(live), 0);
 }
 
 // ---- the wrapper table -----------------------------------------------------
