@@ -2,6 +2,7 @@
 // wrapper library, fake COM objects used through kit proxies, the identities
 // and references the wrapper table keeps, on-demand loading of the wrapper
 // library, the trace lines, fatal stops, a leak check and a thread stress.
+#include "core/object.h"
 #include "harness.h"
 #include "testifaces.h"
 
@@ -641,6 +642,299 @@ TEST_F(Wrapping, ThreadsWrappingAndUnwrappingTheSameObjects)
     vxl_decref(shared);
 }
 
+// ---- reference counts, foreign objects, refusals -------------------------------------------
+
+namespace {
+
+// The kit count of the object behind a kit interface, read from its core.
+int32_t kitRefs(vxl_if primary)
+{
+    return reinterpret_cast<vxl_objectcore *>(reinterpret_cast<void **>(primary) + 1)->refcount;
+}
+
+// The count a COM object's Release answers after one AddRef.
+ULONG comRefs(IUnknown *p)
+{
+    p->AddRef();
+    return p->Release();
+}
+
+// A COM object nobody here wrote: it answers IUnknown and the IIDs it is
+// given with itself and counts its references exactly, but may answer a
+// constant from AddRef and Release, or refuse even IUnknown.
+class Bare : public IUnknown {
+public:
+    explicit Bare(std::initializer_list<IID> iids, bool constantCounts = false, bool refuseUnknown = false)
+        : iids_(iids), constant_(constantCounts), refuseUnknown_(refuseUnknown)
+    {
+        ++g_liveFakes;
+    }
+    virtual ~Bare() { --g_liveFakes; }
+    LONG refs() const { return refs_; }
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void **out) override
+    {
+        bool known = IsEqualIID(iid, IID_IUnknown) ? !refuseUnknown_ : false;
+        for (const IID &k : iids_)
+            known = known || IsEqualIID(iid, k);
+        *out = known ? this : nullptr;
+        if (!known)
+            return E_NOINTERFACE;
+        AddRef();
+        return S_OK;
+    }
+    ULONG STDMETHODCALLTYPE AddRef() override
+    {
+        LONG n = InterlockedIncrement(&refs_);
+        return constant_ ? 1 : n;
+    }
+    ULONG STDMETHODCALLTYPE Release() override
+    {
+        LONG n = InterlockedDecrement(&refs_);
+        if (n == 0)
+            delete this;
+        return constant_ ? 1 : n;
+    }
+
+private:
+    std::vector<IID> iids_;
+    bool constant_, refuseUnknown_;
+    LONG refs_ = 1;
+};
+
+int32_t refuseAll(void *, const char *, vxl_if *, vxl_if) { return -7; }
+const vxl_componentdef refuserClass = {"Refuser", 1, plainCIs, counterCreate, counterDestroy, refuseAll};
+const vxl_componentdef *const refuserClasses[] = {&refuserClass, nullptr};
+const vxl_interfacedef *const noInterfaces[] = {nullptr};
+
+} // namespace
+
+TEST_F(Wrapping, ReferenceCountsRiseByOnePerRowAndComeBack)
+{
+    // Kit side first: each wrapper row holds the object once, and every row
+    // after the first holds the first wrapper (the COM identity) once. The
+    // test wrappers hold their own kit reference too.
+    vxl_if counterIf = newCounter();
+    vxl_if namedIf = kitInterface(counterIf, "INamed");
+    int32_t base = kitRefs(counterIf);
+    IUnknown *wc = vxl_wrapptr(counterIf, "ICounter", "com");
+    EXPECT_EQ(base + 2, kitRefs(counterIf));
+    EXPECT_EQ(1u, comRefs(wc));
+    IUnknown *wn = vxl_wrapptr(namedIf, "INamed", "com");
+    EXPECT_EQ(base + 4, kitRefs(counterIf));
+    EXPECT_EQ(2u, comRefs(wc));
+    EXPECT_EQ(1u, comRefs(wn));
+    IUnknown *unk = nullptr;
+    ASSERT_EQ(S_OK, wn->QueryInterface(IID_IUnknown, reinterpret_cast<void **>(&unk)));
+    EXPECT_EQ(wc, unk);
+    EXPECT_EQ(3u, comRefs(wc));
+    unk->Release();
+    EXPECT_EQ(2u, comRefs(wc)) << "a QueryInterface and Release pair changes nothing";
+    wn->Release();
+    EXPECT_EQ(base + 2, kitRefs(counterIf));
+    EXPECT_EQ(1u, comRefs(wc));
+    wc->Release();
+    EXPECT_EQ(base, kitRefs(counterIf));
+    vxl_decref(namedIf);
+    vxl_decref(counterIf);
+
+    // COM side first: each proxy row holds the COM identity once and each
+    // proxy its own interface once; every row after the first holds the
+    // first proxy (the kit identity) once.
+    auto *fake = new FakeCounter;
+    vxl_if p1 = vxl_unwrapptr(fake->identity(), "ICounter", "com");
+    EXPECT_EQ(3, fake->refs());
+    EXPECT_EQ(1, kitRefs(p1));
+    vxl_if p2 = vxl_unwrapptr(fake->identity(), "INamed", "com");
+    EXPECT_EQ(5, fake->refs());
+    EXPECT_EQ(2, kitRefs(p1));
+    vxl_decref(p2);
+    EXPECT_EQ(3, fake->refs());
+    EXPECT_EQ(1, kitRefs(p1));
+    vxl_decref(p1);
+    EXPECT_EQ(1, fake->refs());
+    fake->Release();
+}
+
+TEST_F(Wrapping, AForeignObjectsAnswerToAddRefDecidesNothing)
+{
+    // Behind a kit proxy stands a COM object whose AddRef always answers 1.
+    auto *bare = new Bare({IID_IVxCounter}, true);
+    vxl_if proxy = vxl_unwrapptr(bare, "ICounter", "com");
+    ASSERT_NE(nullptr, proxy);
+    IUnknown *same = vxl_wrapptr(proxy, "ICounter", "com");
+    EXPECT_EQ(static_cast<IUnknown *>(bare), same) << "wrapping a proxy gives back its COM object";
+    IUnknown *dual = vxl_wrapptr(proxy, "ICounter", "comS");
+    ASSERT_NE(nullptr, dual);
+    IUnknown *unk = nullptr;
+    ASSERT_EQ(S_OK, dual->QueryInterface(IID_IUnknown, reinterpret_cast<void **>(&unk)));
+    EXPECT_EQ(static_cast<IUnknown *>(bare), unk) << "the proxy's COM object stays the identity";
+    EXPECT_EQ(2, tableRows());
+    unk->Release();
+    dual->Release();
+    same->Release();
+    vxl_decref(proxy);
+    EXPECT_EQ(1, bare->refs());
+    bare->Release();
+}
+
+TEST_F(Wrapping, RefusedIdentitiesAndWrongInterfacesGiveNoInterface)
+{
+    ASSERT_EQ(VXL_OK, vxl_register("refuser", refuserClasses, noInterfaces));
+    vxl_if refuser = nullptr;
+    ASSERT_EQ(VXL_OK, vxl_createinstance("Refuser", "IPlain", &refuser));
+    IUnknown *w = reinterpret_cast<IUnknown *>(0xdeadbeef);
+    EXPECT_EQ(VXL_ENOINTERFACE, vxl_wrap(refuser, "IPlain", "com", &w)) << "getinterface refuses a null name";
+    EXPECT_EQ(nullptr, w);
+    vxl_decref(refuser);
+    EXPECT_EQ(VXL_OK, vxl_unregister(refuserClasses, noInterfaces));
+
+    // A kit interface that is not the object's interface of the given name.
+    vxl_if counterIf = newCounter();
+    vxltest::LogTail tail;
+    w = reinterpret_cast<IUnknown *>(0xdeadbeef);
+    EXPECT_EQ(VXL_ENOINTERFACE, vxl_wrap(counterIf, "INamed", "com", &w));
+    EXPECT_EQ(nullptr, w);
+    EXPECT_EQ("vxl_wrap(" + hex(counterIf) + ", INamed, com)\nvxl_wrap() = 0\n", bridgeLines(tail.text()));
+    EXPECT_EQ(0, liveWrappers());
+    vxl_decref(counterIf);
+
+    // A COM object that does not even answer IUnknown.
+    auto *bare = new Bare({IID_IVxCounter}, false, true);
+    vxl_if proxy = reinterpret_cast<vxl_if>(0xdeadbeef);
+    EXPECT_EQ(VXL_ENOINTERFACE, vxl_unwrap(bare, "ICounter", "com", &proxy));
+    EXPECT_EQ(nullptr, proxy);
+    EXPECT_EQ(1, bare->refs());
+    bare->Release();
+}
+
+// ---- wrappers and proxies that die on another thread ----------------------------------------
+
+namespace {
+
+const IID IID_IBlock = {0x6f1c0a10, 0x5b1e, 0x4c3a, {0x9d, 0x1e, 0x0a, 0x1b, 0x2c, 0x3d, 0x4e, 0x10}};
+
+// Holds a dying wrapper or proxy after its count reached 0 and before it
+// calls back into the runtime, until the test opens it.
+struct Gate {
+    HANDLE dying = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    HANDLE go = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    bool armed = false;
+    void pass()
+    {
+        if (!armed)
+            return;
+        SetEvent(dying);
+        WaitForSingleObject(go, INFINITE);
+    }
+} g_gate;
+
+class BlockingWrapper : public IUnknown {
+public:
+    explicit BlockingWrapper(vxl_if pif) : pif_(pif) { pif_->slots->incref(pif_); }
+    virtual ~BlockingWrapper() = default;
+    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void **out) override
+    {
+        return vxl_com_wrapperqueryinterface(iid, out, this, pif_);
+    }
+    ULONG STDMETHODCALLTYPE AddRef() override { return InterlockedIncrement(&refs_); }
+    ULONG STDMETHODCALLTYPE Release() override
+    {
+        LONG left = InterlockedDecrement(&refs_);
+        if (left == 0) {
+            g_gate.pass();
+            vxl_com_releasewrapper(this, pif_);
+            pif_->slots->decref(pif_);
+            delete this;
+        }
+        return left;
+    }
+
+private:
+    vxl_if pif_;
+    LONG refs_ = 1;
+};
+
+int32_t makeBlocking(vxl_if pif, IUnknown **result)
+{
+    *result = new BlockingWrapper(pif);
+    return VXL_OK;
+}
+
+int32_t blockingDestroy(void *impl, vxl_if primary)
+{
+    g_gate.pass();
+    return vxl_com_wrapperdestructor(impl, primary);
+}
+
+const vxl_interfacedef IBlockDef = {"IBlock", 0, nullptr};
+const vxl_componentinterface blockCI = {&IBlockDef, nullptr};
+const vxl_componentinterface *const blockCIs[] = {&blockCI};
+const vxl_componentdef blockerClass = {"Blocker", 1, blockCIs, counterCreate, counterDestroy, nullptr};
+const vxl_componentdef blockProxyClass = {"IBlock_com_proxy", 1, blockCIs, nullptr, blockingDestroy,
+                                          vxl_com_wrappergetinterface};
+const vxl_componentdef *const blockClasses[] = {&blockerClass, &blockProxyClass, nullptr};
+const vxl_interfacedef *const blockInterfaces[] = {&IBlockDef, nullptr};
+const vxl_comifinfo blockInfo = {"IBlock", IID_IBlock, GUID_NULL, GUID_NULL, GUID_NULL, GUID_NULL,
+                                 makeBlocking, nullptr, nullptr, nullptr};
+const vxl_comifinfo *const blockComInterfaces[] = {&blockInfo, nullptr};
+const vxl_comcomponentinfo *const noComComponents[] = {nullptr};
+const vxl_comlibinfo blockLib = {"wrap_test", GUID_NULL};
+
+void registerBlockers()
+{
+    static bool done = false;
+    if (!done) {
+        ASSERT_EQ(VXL_OK, vxl_register("blockers", blockClasses, blockInterfaces));
+        vxl_com_register(&blockLib, noComComponents, blockComInterfaces);
+        done = true;
+    }
+}
+
+// Lets the object die on a thread of its own, stopped at the gate; the
+// test looks the object up meanwhile, then opens the gate.
+template <typename Die, typename Meanwhile> void whileDying(Die die, Meanwhile meanwhile)
+{
+    ResetEvent(g_gate.dying);
+    ResetEvent(g_gate.go);
+    g_gate.armed = true;
+    std::thread dying(die);
+    WaitForSingleObject(g_gate.dying, INFINITE);
+    g_gate.armed = false;
+    meanwhile();
+    SetEvent(g_gate.go);
+    dying.join();
+}
+
+} // namespace
+
+TEST_F(Wrapping, AWrapperOrProxyDyingOnAnotherThreadIsNotHandedOut)
+{
+    registerBlockers();
+    vxl_if blocker = nullptr;
+    ASSERT_EQ(VXL_OK, vxl_createinstance("Blocker", "IBlock", &blocker));
+    IUnknown *w = vxl_wrapptr(blocker, "IBlock", "com");
+    IUnknown *again = nullptr;
+    whileDying([&] { w->Release(); }, [&] { again = vxl_wrapptr(blocker, "IBlock", "com"); });
+    ASSERT_NE(nullptr, again);
+    EXPECT_NE(w, again);
+    EXPECT_EQ(1u, comRefs(again));
+    EXPECT_EQ(1, tableRows());
+    again->Release();
+    vxl_decref(blocker);
+
+    auto *bare = new Bare({IID_IBlock});
+    vxl_if proxy = vxl_unwrapptr(bare, "IBlock", "com");
+    vxl_if other = nullptr;
+    whileDying([&] { vxl_decref(proxy); }, [&] { other = vxl_unwrapptr(bare, "IBlock", "com"); });
+    ASSERT_NE(nullptr, other);
+    EXPECT_NE(proxy, other);
+    EXPECT_EQ(1, kitRefs(other));
+    EXPECT_EQ(1, tableRows());
+    vxl_decref(other);
+    EXPECT_EQ(1, bare->refs());
+    bare->Release();
+}
+
 // ---- per-process behaviour -------------------------------------------------------------
 
 VXL_CHILD(null_pointers_make_no_table)
@@ -700,6 +994,66 @@ TEST(WrappingProcess, WrapperLibraryLoadsOncePerFailingCall)
               "vxl_com_wrapper_tryload(IPlain, comP) -> SOFTWARE\\Quelt\\vexa\\interfaces\\IPlain-comP\n"
               "vxl_com_wrapper_tryload() openkey failed 2\n",
               lines);
+}
+
+// One thread wraps an interface whose wrapper library loads but registers
+// nothing, so every call loads it; short threads release a wrapper of their
+// own as they end, from a thread-detach callback that the loader calls under
+// its lock, as a DllMain or a thread_local destructor would.
+namespace {
+
+DWORD g_heldSlot = TlsAlloc();
+
+void NTAPI releaseAtThreadExit(PVOID, DWORD reason, PVOID)
+{
+    if (reason != DLL_THREAD_DETACH || g_heldSlot == TLS_OUT_OF_INDEXES)
+        return;
+    if (auto *wrapper = static_cast<IUnknown *>(TlsGetValue(g_heldSlot)))
+        wrapper->Release();
+}
+
+} // namespace
+
+extern "C" __attribute__((used, section(".CRT$XLF"))) const PIMAGE_TLS_CALLBACK vxltest_threadexit =
+    releaseAtThreadExit;
+
+VXL_CHILD(loader_lock_race)
+{
+    setUpProcess();
+    registerWrapperLibrary("IPlain", "com", vxltest::programDir() + "\\comtest_wrapperlib.dll");
+    vxl_if plain = nullptr;
+    vxl_createinstance("Plain", "IPlain", &plain);
+    std::atomic<bool> stop{false};
+    std::thread loader([&] {
+        while (!stop.load()) {
+            IUnknown *w = nullptr;
+            vxl_wrap(plain, "IPlain", "com", &w);
+        }
+    });
+    for (DWORD end = GetTickCount() + 3000; GetTickCount() < end;) {
+        HANDLE t = CreateThread(nullptr, 0, [](LPVOID) -> DWORD {
+            vxl_if object = newCounter();
+            TlsSetValue(g_heldSlot, vxl_wrapptr(object, "ICounter", "com"));
+            vxl_decref(object); // the wrapper holds it now
+            return 0;
+        }, nullptr, 0, nullptr);
+        WaitForSingleObject(t, INFINITE);
+        CloseHandle(t);
+    }
+    stop = true;
+    loader.join();
+    vxl_decref(plain);
+    return g_liveCounters.load();
+}
+
+TEST(WrappingProcess, NoLibraryLoadsUnderTheWrapperLock)
+{
+    std::string log = vxltest::scratchPath("wrap_loaderlock.log");
+    int status = vxltest::runChild("loader_lock_race", nullptr, 30000);
+    unregisterWrapperLibrary("IPlain", "com");
+    for (const RegisteredPair &p : kPairs)
+        unregisterWrapperLibrary(p.ifname, p.wtype);
+    EXPECT_EQ(0, status);
 }
 
 VXL_CHILD(unknown_pair_stops)
