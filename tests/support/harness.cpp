@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <map>
-#include <string>
 #include <thread>
 #include <vector>
 
@@ -22,41 +21,24 @@ ChildRegistrar::ChildRegistrar(const char *name, ChildFn fn)
     childRegistry()[name] = fn;
 }
 
-std::string programPath()
-{
-    char path[MAX_PATH];
-    DWORD n = GetModuleFileNameA(nullptr, path, sizeof path);
-    return std::string(path, n);
-}
-
 std::string programDir()
 {
-    std::string path = programPath();
-    return path.substr(0, path.find_last_of("\\/"));
-}
-
-static std::string readWhole(const std::string &path, const char *mode)
-{
-    FILE *f = fopen(path.c_str(), mode);
-    if (!f)
-        return "";
-    std::string text;
-    char buf[4096];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, f)) > 0)
-        text.append(buf, n);
-    fclose(f);
-    return text;
-}
-
-std::string readFile(const std::string &path)
-{
-    return readWhole(path, "rb");
+    char path[MAX_PATH];
+    std::string exe(path, GetModuleFileNameA(nullptr, path, sizeof path));
+    return exe.substr(0, exe.find_last_of("\\/"));
 }
 
 std::string readLog(const std::string &path)
 {
-    return readWhole(path, "r");
+    FILE *f = fopen(path.c_str(), "r");
+    if (!f)
+        return "";
+    std::string text;
+    char buf[4096];
+    for (size_t n; (n = fread(buf, 1, sizeof buf, f)) > 0;)
+        text.append(buf, n);
+    fclose(f);
+    return text;
 }
 
 bool fileExists(const std::string &path)
@@ -81,22 +63,26 @@ std::string LogTail::text() const
     return all.size() > start_ ? all.substr(start_) : std::string();
 }
 
-std::string expectedPath()
-{
-    const char *log = getenv("VXLLOGNAME");
-    return std::string(log ? log : "") + ".expected";
-}
-
 void writeExpected(const std::string &text)
 {
-    FILE *f = fopen(expectedPath().c_str(), "w");
-    if (!f)
-        return;
-    fputs(text.c_str(), f);
-    fclose(f);
+    const char *log = getenv("VXLLOGNAME");
+    if (FILE *f = fopen((std::string(log ? log : "") + ".expected").c_str(), "w")) {
+        fputs(text.c_str(), f);
+        fclose(f);
+    }
 }
 
-int runChild(const char *name, const char *logname, DWORD timeout)
+std::string childLogAgainstExpected(const char *name, int *exitcode)
+{
+    std::string log = scratchPath(std::string(name) + ".log");
+    scratchPath(std::string(name) + ".log.expected");
+    *exitcode = runChild(name, log.c_str());
+    std::string expected = readLog(log + ".expected");
+    std::string got = readLog(log);
+    return expected == got && fileExists(log + ".expected") ? "" : "expected:\n" + expected + "got:\n" + got;
+}
+
+int runChild(const char *name, const char *logname, unsigned long timeout)
 {
     char saved[1024];
     DWORD had = GetEnvironmentVariableA("VXLLOGNAME", saved, sizeof saved);
@@ -105,7 +91,9 @@ int runChild(const char *name, const char *logname, DWORD timeout)
     // Starting a process can fail for reasons of the host (a busy machine,
     // Wine's loader short of memory), which is not what any test examines:
     // a start is tried a few times, and a final failure names the error.
-    std::string cmd = "\"" + programPath() + "\" --vxl-child=" + name;
+    char path[MAX_PATH];
+    std::string cmd = "\"" + std::string(path, GetModuleFileNameA(nullptr, path, sizeof path)) +
+                      "\" --vxl-child=" + name;
     STARTUPINFOA si = {};
     si.cb = sizeof si;
     PROCESS_INFORMATION pi = {};
@@ -122,14 +110,13 @@ int runChild(const char *name, const char *logname, DWORD timeout)
         fprintf(stderr, "child %s: CreateProcessA failed with error %lu\n", name, error);
         return -1;
     }
-    DWORD code = 0;
+    DWORD code = kChildTimedOut;
     if (WaitForSingleObject(pi.hProcess, timeout) == WAIT_OBJECT_0) {
         GetExitCodeProcess(pi.hProcess, &code);
     } else {
         fprintf(stderr, "child %s: still running after %lu ms, stopped\n", name, timeout);
         TerminateProcess(pi.hProcess, kChildTimedOut);
         WaitForSingleObject(pi.hProcess, INFINITE);
-        code = kChildTimedOut;
     }
     CloseHandle(pi.hThread);
     CloseHandle(pi.hProcess);
