@@ -7,6 +7,7 @@
 //
 // No lock is taken here: library loads happen with no runtime lock held.
 #include "comserver/server.h"
+#include "core/comside.h"
 
 #include <objbase.h>
 #include <windows.h>

@@ -14,6 +14,7 @@
 //                        24 library     32 typelib     40 typeinfos
 //                        48 proxytypeinfos                            (56)
 #include "comserver/comserver.h"
+#include "comserver/wrappertypes.h"
 
 #include <climits>
 #include <cstddef>
@@ -131,12 +132,9 @@ static_assert(0 VXL_IFINFO_GUIDS(VXL_COUNT_FIELD) == 5 && 0 VXL_IFINFO_FUNCTIONS
 // The wrapper type of the first of the three IIDs that equals iid, or null.
 const char *matchingWrapperType(const vxl_comifinfo &entry, const GUID &iid)
 {
-    if (sameGuid(entry.iid_com, iid))
-        return "com";
-    if (sameGuid(entry.iid_comS, iid))
-        return "comS";
-    if (sameGuid(entry.iid_comP, iid))
-        return "comP";
+    for (const vxl_wrappertype &type : kWrapperTypes)
+        if (sameGuid(entry.*type.iid, iid))
+            return type.name;
     return nullptr;
 }
 

@@ -8,6 +8,7 @@
 // is guarded by the cache lock, always taken after the factory lock. The
 // component library may have to load itself first (vxl_com_loadcomponent);
 // that happens with no kit lock held.
+#include "comside.h"
 #include "object.h"
 #include "x64stub.h"
 
@@ -30,18 +31,29 @@ inline volatile LONG *counter(int32_t *count)
     return reinterpret_cast<volatile LONG *>(count);
 }
 
+// Sizes are reckoned in 64 bits; a block must fit the 32-bit size that
+// kit memory takes.
+bool fitsInt32(int64_t bytes)
+{
+    return bytes >= 0 && bytes <= INT32_MAX;
+}
+
 // Whether the build can make every slot table and stub block of a
 // definition: 1 to 6 interfaces, each with a definition, a method count that
-// is not negative and a function per method.
+// is not negative and whose slot table and stubs fit, and a function per
+// method.
 bool buildable(const vxl_componentdef *def)
 {
-    if (def->ifcount < 1 || def->ifcount > VXL_MAX_INTERFACES || !def->interfaces)
+    if (def->ifcount < 1 || def->ifcount > kMaxInterfaces || !def->interfaces)
         return false;
     for (int32_t i = 0; i < def->ifcount; ++i) {
         const vxl_componentinterface *entry = def->interfaces[i];
         if (!entry || !entry->def || entry->def->methodcount < 0)
             return false;
-        if (entry->def->methodcount > 0 && !entry->methods)
+        int64_t m = entry->def->methodcount;
+        if (!fitsInt32((kGenericSlots + m) * int64_t(sizeof(void *))) || !fitsInt32(m * kStubSize))
+            return false;
+        if (m > 0 && !entry->methods)
             return false;
     }
     return true;
@@ -62,11 +74,14 @@ void freeFactory(vxl_classfactory *factory)
     vxl_free(factory);
 }
 
-template <typename T> T *allocZeroed(int32_t count)
+template <typename T> T *allocZeroed(int64_t count)
 {
-    auto *p = static_cast<T *>(vxl_malloc(count * static_cast<int32_t>(sizeof(T))));
+    int64_t bytes = count * int64_t(sizeof(T));
+    if (count <= 0 || !fitsInt32(bytes))
+        return nullptr;
+    auto *p = static_cast<T *>(vxl_malloc(static_cast<int32_t>(bytes)));
     if (p)
-        memset(p, 0, count * sizeof(T));
+        memset(p, 0, static_cast<size_t>(bytes));
     return p;
 }
 
@@ -97,7 +112,7 @@ vxl_classfactory *buildFactory(const char *name)
     for (int32_t i = 0; ok && i < n; ++i) {
         const vxl_componentinterface *entry = def->interfaces[i];
         int32_t m = entry->def->methodcount;
-        auto **slots = allocZeroed<void *>(VXL_GENERIC_SLOTS + m);
+        auto **slots = allocZeroed<void *>(int64_t(kGenericSlots) + m);
         if (!slots) {
             ok = false;
             break;
@@ -117,7 +132,7 @@ vxl_classfactory *buildFactory(const char *name)
         }
         factory->stubblocks[i] = stubs;
         for (int32_t j = 0; j < m; ++j)
-            slots[VXL_GENERIC_SLOTS + j] = stubs + VXL_STUB_SIZE * j;
+            slots[kGenericSlots + j] = stubs + kStubSize * j;
     }
     if (!ok) {
         freeFactory(factory);

@@ -5,6 +5,9 @@
 
 #include <cstdint>
 
+// A class has one to this many interfaces.
+constexpr int32_t kMaxInterfaces = 6;
+
 // Pointers appear in the trace log as the low 32 bits in "%x".
 #define VXL_PTR(p) ((unsigned)(uintptr_t)(p))
 
@@ -61,12 +64,6 @@ const vxl_interfacedef *vxl_getinterfacedef(vxl_if pif);
 bool vxl_increfifalive(vxl_if pif);
 // The cached factory of a class; create 1 builds it if needed and takes a use.
 vxl_classfactory *vxl_findclassfactory(const char *name, int32_t create);
-
-// ---- calls into COM instance creation ----------------------------------------
-// Makes the library serving a class name load itself; no result.
-void vxl_com_loadcomponent(const char *classname);
-// Creates the COM object registered for a ProgID behind a kit proxy.
-int32_t vxl_com_createinstance(const char *classname, const char *ifname, vxl_if *out);
 
 // ---- library loading ---------------------------------------------------------
 // Text of the current error into buffer (size bytes): the system's message

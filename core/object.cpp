@@ -162,7 +162,7 @@ template <int32_t N, int32_t I> constexpr vxl_genericgroup makeGroup()
 }
 
 struct GenericRow {
-    vxl_genericgroup groups[VXL_MAX_INTERFACES];
+    vxl_genericgroup groups[kMaxInterfaces];
 };
 
 template <int32_t N, size_t... I> constexpr GenericRow makeRow(std::index_sequence<I...>)
@@ -170,17 +170,17 @@ template <int32_t N, size_t... I> constexpr GenericRow makeRow(std::index_sequen
     return {{makeGroup<N, static_cast<int32_t>(I)>()...}};
 }
 
-constexpr GenericRow row1 = makeRow<1>(std::make_index_sequence<VXL_MAX_INTERFACES>());
-constexpr GenericRow row2 = makeRow<2>(std::make_index_sequence<VXL_MAX_INTERFACES>());
-constexpr GenericRow row3 = makeRow<3>(std::make_index_sequence<VXL_MAX_INTERFACES>());
-constexpr GenericRow row4 = makeRow<4>(std::make_index_sequence<VXL_MAX_INTERFACES>());
-constexpr GenericRow row5 = makeRow<5>(std::make_index_sequence<VXL_MAX_INTERFACES>());
-constexpr GenericRow row6 = makeRow<6>(std::make_index_sequence<VXL_MAX_INTERFACES>());
+constexpr GenericRow row1 = makeRow<1>(std::make_index_sequence<kMaxInterfaces>());
+constexpr GenericRow row2 = makeRow<2>(std::make_index_sequence<kMaxInterfaces>());
+constexpr GenericRow row3 = makeRow<3>(std::make_index_sequence<kMaxInterfaces>());
+constexpr GenericRow row4 = makeRow<4>(std::make_index_sequence<kMaxInterfaces>());
+constexpr GenericRow row5 = makeRow<5>(std::make_index_sequence<kMaxInterfaces>());
+constexpr GenericRow row6 = makeRow<6>(std::make_index_sequence<kMaxInterfaces>());
 
 } // namespace
 
 #define VXL_ROW(r) {r.groups[0], r.groups[1], r.groups[2], r.groups[3], r.groups[4], r.groups[5]}
-constexpr vxl_genericgroup vxl_genericslots[VXL_MAX_INTERFACES][VXL_MAX_INTERFACES] = {
+constexpr vxl_genericgroup vxl_genericslots[kMaxInterfaces][kMaxInterfaces] = {
     VXL_ROW(row1), VXL_ROW(row2), VXL_ROW(row3), VXL_ROW(row4), VXL_ROW(row5), VXL_ROW(row6),
 };
 #undef VXL_ROW
@@ -208,7 +208,8 @@ static_assert(sizeof vxl_genericslots == 6 * 24 * sizeof(void *), "6 rows of 24 
 vxl_if vxl_newobject(vxl_classfactory *factory, void ***core)
 {
     int32_t n = factory->headlength / static_cast<int32_t>(sizeof(void *));
-    auto **block = static_cast<void **>(vxl_malloc(factory->headlength + static_cast<int32_t>(sizeof(vxl_objectcore))));
+    int64_t bytes = int64_t(factory->headlength) + int64_t(sizeof(vxl_objectcore));
+    auto **block = bytes <= INT32_MAX ? static_cast<void **>(vxl_malloc(static_cast<int32_t>(bytes))) : nullptr;
     if (!block)
         return nullptr;
     for (int32_t k = 0; k < n; ++k)
@@ -245,7 +246,7 @@ bool vxl_increfifalive(vxl_if pif)
 {
     // The incref slot tells the generic group, and with it the index that
     // locates the core.
-    for (int32_t n = 1; n <= VXL_MAX_INTERFACES; ++n) {
+    for (int32_t n = 1; n <= kMaxInterfaces; ++n) {
         for (int32_t i = 0; i < n; ++i) {
             if (vxl_genericslots[n - 1][i].incref != pif->slots->incref)
                 continue;

@@ -35,8 +35,7 @@
 
 #include <cstddef>
 
-constexpr int32_t VXL_MAX_INTERFACES = 6;
-constexpr int32_t VXL_GENERIC_SLOTS = 4;
+constexpr int32_t kGenericSlots = 4;
 
 struct vxl_objectcore {
     void *impl;
@@ -79,11 +78,11 @@ struct vxl_genericgroup {
     int32_t (*getname)(vxl_if self, const char **out);
 };
 
-using vxl_genericrow = vxl_genericgroup[VXL_MAX_INTERFACES];
+using vxl_genericrow = vxl_genericgroup[kMaxInterfaces];
 static_assert(sizeof(vxl_genericrow) == 24 * sizeof(void *), "a row holds 24 entries");
 
 // Row n-1 of the table (n = 1..6).
-extern const vxl_genericgroup vxl_genericslots[VXL_MAX_INTERFACES][VXL_MAX_INTERFACES];
+extern const vxl_genericgroup vxl_genericslots[kMaxInterfaces][kMaxInterfaces];
 
 // ---- stub memory ----------------------------------------------------------------
 // Stub block of interface index i (0..5) forwarding to m functions; sealed

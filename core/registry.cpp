@@ -7,9 +7,15 @@
 // kit memory, so an interface outlives the library that first supplied it as
 // long as another registration lists it. Everything here runs under the
 // registry lock (recursive, so the lookups nest inside register/unregister).
+//
+// A lookup hands out its copy after leaving the lock, and its caller may
+// read it while another thread unregisters the last library that lists it.
+// So a copy is never freed: an entry that leaves the cache is kept aside,
+// and serves again when an identical definition is registered, which keeps
+// the memory bounded by the distinct definitions a process ever registers.
 #include "kit.h"
 
-#include <cstdlib>
+#include <cstring>
 
 namespace {
 
@@ -20,7 +26,7 @@ struct Registration {
     const vxl_interfacedef *const *interfaces;
 };
 
-enum EntryKind : int32_t { COMPONENT_ENTRY = 0, INTERFACE_ENTRY = 1 };
+enum EntryKind : int32_t { kComponentEntry = 0, kInterfaceEntry = 1 };
 
 struct CacheEntry {
     CacheEntry *next;
@@ -31,6 +37,7 @@ struct CacheEntry {
 
 Registration *g_registrations = nullptr;
 CacheEntry *g_cache = nullptr;
+CacheEntry *g_retired = nullptr; // interface entries no registration lists any more
 
 // ---- deep copies of interface definitions ----------------------------------
 // Copied arrays get one extra null entry after the last.
@@ -39,9 +46,9 @@ void freeParam(vxl_paramdef *param)
 {
     if (!param)
         return;
-    free(const_cast<char *>(param->name));
-    free(const_cast<char *>(param->secondname));
-    free(param);
+    vxl_free(const_cast<char *>(param->name));
+    vxl_free(const_cast<char *>(param->secondname));
+    vxl_free(param);
 }
 
 void freeMethod(vxl_methoddef *method)
@@ -51,10 +58,10 @@ void freeMethod(vxl_methoddef *method)
     if (method->params) {
         for (int32_t k = 0; k < method->paramcount; ++k)
             freeParam(const_cast<vxl_paramdef *>(method->params[k]));
-        free(const_cast<vxl_paramdef **>(method->params));
+        vxl_free(const_cast<vxl_paramdef **>(method->params));
     }
-    free(const_cast<char *>(method->name));
-    free(method);
+    vxl_free(const_cast<char *>(method->name));
+    vxl_free(method);
 }
 
 void freeInterfaceCopy(vxl_interfacedef *def)
@@ -64,10 +71,10 @@ void freeInterfaceCopy(vxl_interfacedef *def)
     if (def->methods) {
         for (int32_t j = 0; j < def->methodcount; ++j)
             freeMethod(const_cast<vxl_methoddef *>(def->methods[j]));
-        free(const_cast<vxl_methoddef **>(def->methods));
+        vxl_free(const_cast<vxl_methoddef **>(def->methods));
     }
-    free(const_cast<char *>(def->name));
-    free(def);
+    vxl_free(const_cast<char *>(def->name));
+    vxl_free(def);
 }
 
 // A string copy that reports failure only when there was something to copy.
@@ -77,18 +84,27 @@ bool copyString(const char *from, const char **to)
     return !from || *to;
 }
 
-// Arrays of count entries plus the null terminator, zeroed so that a copy
-// abandoned half-way frees cleanly.
+// A zeroed block of kit memory, so that a copy abandoned half-way frees cleanly.
+template <typename T> T *allocZeroed(int64_t count)
+{
+    int64_t bytes = count * static_cast<int64_t>(sizeof(T));
+    if (count <= 0 || bytes > INT32_MAX)
+        return nullptr;
+    auto *block = static_cast<T *>(vxl_malloc(static_cast<int32_t>(bytes)));
+    if (block)
+        memset(block, 0, static_cast<size_t>(bytes));
+    return block;
+}
+
+// Arrays of count entries plus the null terminator.
 template <typename T> T **newPointerArray(int32_t count)
 {
-    if (count < 0)
-        count = 0;
-    return static_cast<T **>(calloc(static_cast<size_t>(count) + 1, sizeof(T *)));
+    return allocZeroed<T *>(int64_t(count) + 1);
 }
 
 vxl_paramdef *copyParam(const vxl_paramdef *from)
 {
-    auto *to = static_cast<vxl_paramdef *>(calloc(1, sizeof(vxl_paramdef)));
+    auto *to = allocZeroed<vxl_paramdef>(1);
     if (!to)
         return nullptr;
     to->type = from->type;
@@ -103,7 +119,7 @@ vxl_paramdef *copyParam(const vxl_paramdef *from)
 
 vxl_methoddef *copyMethod(const vxl_methoddef *from)
 {
-    auto *to = static_cast<vxl_methoddef *>(calloc(1, sizeof(vxl_methoddef)));
+    auto *to = allocZeroed<vxl_methoddef>(1);
     if (!to)
         return nullptr;
     to->paramcount = from->paramcount;
@@ -121,7 +137,7 @@ vxl_methoddef *copyMethod(const vxl_methoddef *from)
 
 vxl_interfacedef *copyInterface(const vxl_interfacedef *from)
 {
-    auto *to = static_cast<vxl_interfacedef *>(calloc(1, sizeof(vxl_interfacedef)));
+    auto *to = allocZeroed<vxl_interfacedef>(1);
     if (!to)
         return nullptr;
     to->methodcount = from->methodcount;
@@ -137,13 +153,16 @@ vxl_interfacedef *copyInterface(const vxl_interfacedef *from)
     return to;
 }
 
-// A cached second name constrains; a new one alone does not.
-bool secondNamesMatch(const char *cached, const char *fresh)
+// A cached second name constrains; a new one alone does not. An exact
+// comparison (for reusing a kept copy) wants both or neither, and equal.
+bool secondNamesMatch(const char *cached, const char *fresh, bool exact)
 {
+    if (exact)
+        return vxl_sameName(cached, fresh);
     return !cached || (fresh && vxl_sameName(cached, fresh));
 }
 
-bool sameInterface(const vxl_interfacedef *cached, const vxl_interfacedef *fresh)
+bool sameInterface(const vxl_interfacedef *cached, const vxl_interfacedef *fresh, bool exact = false)
 {
     if (!vxl_sameName(cached->name, fresh->name) || cached->methodcount != fresh->methodcount)
         return false;
@@ -156,7 +175,7 @@ bool sameInterface(const vxl_interfacedef *cached, const vxl_interfacedef *fresh
             const vxl_paramdef *p = a->params[k];
             const vxl_paramdef *q = b->params[k];
             if (!vxl_sameName(p->name, q->name) || p->type != q->type || p->direction != q->direction ||
-                p->array != q->array || !secondNamesMatch(p->secondname, q->secondname))
+                p->array != q->array || !secondNamesMatch(p->secondname, q->secondname, exact))
                 return false;
         }
     }
@@ -176,12 +195,12 @@ const void *findEntry(int32_t kind, const char *name)
 
 void addEntry(int32_t kind, const char *name, const void *def)
 {
-    auto *entry = static_cast<CacheEntry *>(malloc(sizeof(CacheEntry)));
+    auto *entry = static_cast<CacheEntry *>(vxl_malloc(sizeof(CacheEntry)));
     char *namecopy = vxl_strdup(name);
     if (!entry || !namecopy || !def) {
-        free(entry);
-        free(namecopy);
-        if (kind == INTERFACE_ENTRY)
+        vxl_free(entry);
+        vxl_free(namecopy);
+        if (kind == kInterfaceEntry)
             freeInterfaceCopy(static_cast<vxl_interfacedef *>(const_cast<void *>(def)));
         return;
     }
@@ -189,10 +208,26 @@ void addEntry(int32_t kind, const char *name, const void *def)
     g_cache = entry;
 }
 
+// The cache entry of an interface: a kept entry whose copy is identical to
+// the definition, or a new one with a new copy.
+void addInterface(const vxl_interfacedef *def)
+{
+    for (CacheEntry **link = &g_retired; *link; link = &(*link)->next) {
+        CacheEntry *entry = *link;
+        if (sameInterface(static_cast<const vxl_interfacedef *>(entry->def), def, true)) {
+            *link = entry->next;
+            entry->next = g_cache;
+            g_cache = entry;
+            return;
+        }
+    }
+    addEntry(kInterfaceEntry, def->name, copyInterface(def));
+}
+
 bool anyRegistrationLists(int32_t kind, const char *name)
 {
     for (Registration *reg = g_registrations; reg; reg = reg->next) {
-        if (kind == COMPONENT_ENTRY) {
+        if (kind == kComponentEntry) {
             for (const vxl_componentdef *const *c = reg->components; *c; ++c)
                 if (vxl_sameName((*c)->name, name))
                     return true;
@@ -209,11 +244,11 @@ void rebuildCache()
 {
     for (Registration *reg = g_registrations; reg; reg = reg->next) {
         for (const vxl_componentdef *const *c = reg->components; *c; ++c)
-            if (!findEntry(COMPONENT_ENTRY, (*c)->name))
-                addEntry(COMPONENT_ENTRY, (*c)->name, *c);
+            if (!findEntry(kComponentEntry, (*c)->name))
+                addEntry(kComponentEntry, (*c)->name, *c);
         for (const vxl_interfacedef *const *i = reg->interfaces; *i; ++i)
-            if (!findEntry(INTERFACE_ENTRY, (*i)->name))
-                addEntry(INTERFACE_ENTRY, (*i)->name, copyInterface(*i));
+            if (!findEntry(kInterfaceEntry, (*i)->name))
+                addInterface(*i);
     }
     for (CacheEntry **link = &g_cache; *link;) {
         CacheEntry *entry = *link;
@@ -222,25 +257,53 @@ void rebuildCache()
             continue;
         }
         *link = entry->next;
-        if (entry->kind == INTERFACE_ENTRY)
-            freeInterfaceCopy(static_cast<vxl_interfacedef *>(const_cast<void *>(entry->def)));
-        free(entry->name);
-        free(entry);
+        if (entry->kind == kInterfaceEntry) {
+            entry->next = g_retired;
+            g_retired = entry;
+        } else {
+            vxl_free(entry->name);
+            vxl_free(entry);
+        }
     }
 }
 
+// A list of count entries that the deep copy can hold (count + 1 pointers
+// in one kit-memory block) and that has an entry at every index.
+template <typename T> bool listIsSound(const T *const *list, int32_t count)
+{
+    if (count < 0 || count >= INT32_MAX / static_cast<int32_t>(sizeof(void *)))
+        return false;
+    if (count > 0 && !list)
+        return false;
+    for (int32_t k = 0; k < count; ++k)
+        if (!list[k])
+            return false;
+    return true;
+}
+
+bool interfaceIsSound(const vxl_interfacedef *def)
+{
+    if (!def->name || !listIsSound(def->methods, def->methodcount))
+        return false;
+    for (int32_t j = 0; j < def->methodcount; ++j)
+        if (!listIsSound(def->methods[j]->params, def->methods[j]->paramcount))
+            return false;
+    return true;
+}
+
 // Lists the kit can never use are refused before anything changes: every
-// name is compared later, and a class needs one to six interfaces.
+// name is compared later, a class needs one to six interfaces, and an
+// interface is deep-copied entry by entry.
 bool listsAreSound(const char *libname, const vxl_componentdef *const *components,
                    const vxl_interfacedef *const *interfaces)
 {
     if (!libname || !components || !interfaces)
         return false;
     for (const vxl_componentdef *const *c = components; *c; ++c)
-        if (!(*c)->name || (*c)->ifcount < 1 || (*c)->ifcount > 6)
+        if (!(*c)->name || (*c)->ifcount < 1 || (*c)->ifcount > kMaxInterfaces)
             return false;
     for (const vxl_interfacedef *const *i = interfaces; *i; ++i)
-        if (!(*i)->name)
+        if (!interfaceIsSound(*i))
             return false;
     return true;
 }
@@ -249,12 +312,12 @@ bool listsAreSound(const char *libname, const vxl_componentdef *const *component
 
 const vxl_componentdef *vxl_findcomponentdef(const char *name)
 {
-    return static_cast<const vxl_componentdef *>(findEntry(COMPONENT_ENTRY, name));
+    return static_cast<const vxl_componentdef *>(findEntry(kComponentEntry, name));
 }
 
 const vxl_interfacedef *vxl_findinterfacedef(const char *name)
 {
-    return static_cast<const vxl_interfacedef *>(findEntry(INTERFACE_ENTRY, name));
+    return static_cast<const vxl_interfacedef *>(findEntry(kInterfaceEntry, name));
 }
 
 int32_t vxl_register(const char *libname, const vxl_componentdef *const *components,
@@ -271,11 +334,11 @@ int32_t vxl_register(const char *libname, const vxl_componentdef *const *compone
         if (cached && !sameInterface(cached, *i))
             return VXL_EFAIL;
     }
-    auto *reg = static_cast<Registration *>(malloc(sizeof(Registration)));
+    auto *reg = static_cast<Registration *>(vxl_malloc(sizeof(Registration)));
     char *namecopy = vxl_strdup(libname);
     if (!reg || !namecopy) {
-        free(reg);
-        free(namecopy);
+        vxl_free(reg);
+        vxl_free(namecopy);
         return VXL_ENOMEM;
     }
     *reg = Registration{g_registrations, namecopy, components, interfaces};
@@ -293,8 +356,8 @@ int32_t vxl_unregister(const vxl_componentdef *const *components, const vxl_inte
         if (reg->components != components || reg->interfaces != interfaces)
             continue;
         *link = reg->next;
-        free(reg->libname);
-        free(reg);
+        vxl_free(reg->libname);
+        vxl_free(reg);
         rebuildCache();
         return VXL_OK;
     }

@@ -17,7 +17,7 @@ int32_t g_used = 0;
 int32_t g_chunksize = 131072;
 
 // Largest chunk the doubling may reach while still fitting the int32 size.
-constexpr int64_t MAX_CHUNK = int64_t(1) << 30;
+constexpr int64_t kMaxChunk = int64_t(1) << 30;
 
 // Makes room for size bytes; false when no chunk can be had.
 bool carve(int32_t size)
@@ -27,9 +27,9 @@ bool carve(int32_t size)
     // Keep doubling until one request fits; the size only grows once the
     // chunk is really there, so a refused request leaves everything as it was.
     int64_t newsize = int64_t(g_chunksize) * 2;
-    while (newsize < size && newsize < MAX_CHUNK)
+    while (newsize < size && newsize < kMaxChunk)
         newsize *= 2;
-    if (newsize < size || newsize > MAX_CHUNK)
+    if (newsize < size || newsize > kMaxChunk)
         return false;
     void *chunk = VirtualAlloc(nullptr, static_cast<SIZE_T>(newsize), MEM_COMMIT | MEM_RESERVE, PAGE_EXECUTE_READ);
     if (!chunk)
@@ -45,9 +45,9 @@ bool carve(int32_t size)
 
 void *vxl_makestubblock(int32_t index, const vxl_fn *functions, int32_t count)
 {
-    if (count <= 0 || count > INT32_MAX / VXL_STUB_SIZE || index < 0 || index >= VXL_MAX_INTERFACES)
+    if (count <= 0 || count > INT32_MAX / kStubSize || index < 0 || index >= kMaxInterfaces)
         return nullptr;
-    int32_t size = count * VXL_STUB_SIZE;
+    int32_t size = count * kStubSize;
     if (!carve(size))
         return nullptr;
     uint8_t *block = g_chunk + g_used;
@@ -57,9 +57,12 @@ void *vxl_makestubblock(int32_t index, const vxl_fn *functions, int32_t count)
     if (!VirtualProtect(block, size, PAGE_EXECUTE_READWRITE, &previous))
         vxl_log("VirtualProtect(XRW) failed\n");
     for (int32_t j = 0; j < count; ++j)
-        vxl_writestub(block + j * VXL_STUB_SIZE, index, reinterpret_cast<const void *>(functions[j]));
+        vxl_writestub(block + j * kStubSize, index, reinterpret_cast<const void *>(functions[j]));
     if (!VirtualProtect(block, size, PAGE_EXECUTE_READ, &previous))
         vxl_log("VirtualProtect(XR) failed\n");
+    // Code written as data reaches the processor's instruction fetch only
+    // once the instruction cache has been told.
+    FlushInstructionCache(GetCurrentProcess(), block, static_cast<SIZE_T>(size));
     return block;
 }
 

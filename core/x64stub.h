@@ -11,25 +11,25 @@
 #include <cstdint>
 #include <cstring>
 
-constexpr int VXL_STUB_SIZE = 16;
-constexpr int VXL_STUB_DISPLACEMENT = 3; // 8-bit signed: 8 * (i + 1)
-constexpr int VXL_STUB_TARGET = 6;       // 64-bit little-endian function address
+constexpr int kStubSize = 16;
+constexpr int kStubDisplacement = 3; // 8-bit signed: 8 * (i + 1)
+constexpr int kStubTarget = 6;       // 64-bit little-endian function address
 
-constexpr uint8_t vxl_stubcode[VXL_STUB_SIZE] = {
+constexpr uint8_t vxl_stubcode[kStubSize] = {
     0x48, 0x8B, 0x49, 0x00,                         // mov rcx, [rcx + disp8]
     0x48, 0xB8, 0, 0, 0, 0, 0, 0, 0, 0,             // mov rax, imm64
     0xFF, 0xE0,                                     // jmp rax
 };
 
-static_assert(sizeof vxl_stubcode == VXL_STUB_SIZE, "one stub is 16 bytes");
-static_assert(VXL_STUB_TARGET + 8 + 2 == VXL_STUB_SIZE, "the jump follows the immediate");
+static_assert(sizeof vxl_stubcode == kStubSize, "one stub is 16 bytes");
+static_assert(kStubTarget + 8 + 2 == kStubSize, "the jump follows the immediate");
 
 // Writes the stub of a method of interface index (0..5) at where.
 inline void vxl_writestub(uint8_t *where, int32_t index, const void *function)
 {
-    memcpy(where, vxl_stubcode, VXL_STUB_SIZE);
-    where[VXL_STUB_DISPLACEMENT] = static_cast<uint8_t>(8 * (index + 1));
+    memcpy(where, vxl_stubcode, kStubSize);
+    where[kStubDisplacement] = static_cast<uint8_t>(8 * (index + 1));
     uint64_t target = reinterpret_cast<uintptr_t>(function);
     for (int b = 0; b < 8; ++b)
-        where[VXL_STUB_TARGET + b] = static_cast<uint8_t>(target >> (8 * b));
+        where[kStubTarget + b] = static_cast<uint8_t>(target >> (8 * b));
 }

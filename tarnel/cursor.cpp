@@ -1,11 +1,14 @@
-// Cursors: the matching rows are picked when the cursor opens and remembered
-// as (slot, generation) pairs. A row deleted while the cursor is open is
-// skipped by fetch, even if its slot already holds a newer row; rows inserted
-// after opening are not seen.
+// Cursors: the rows whose key equals the cursor's key are picked when it
+// opens and remembered as (slot, generation) pairs. A row deleted while the
+// cursor is open is skipped by fetch, even if its slot already holds a newer
+// row; rows inserted after opening are not seen.
+//
+// A closed cursor is never freed: it waits on its table's list of spare
+// cursors, so a handle that was closed still points at a cursor, one whose
+// tag refuses it (until the table hands that cursor out again).
 #include "store.h"
 
 #include <cstring>
-#include <memory>
 #include <new>
 
 using namespace trn;
@@ -13,28 +16,28 @@ using namespace trn;
 void *trn_opencursor(void *handle, const int64_t *low, const int64_t *high)
 {
     Index *index = asIndex(handle);
-    if (!index || !low || !high)
+    if (!index || !low || !high || !sameKey(*index, low, high))
         return nullptr;
+    Table &table = *index->table;
+    Cursor *cursor = table.spareCursors;
     try {
-        std::unique_ptr<Cursor> cursor(new Cursor);
-        Table &table = *index->table;
-        cursor->table = &table;
-        if (sameKey(*index, low, high)) {
-            indexCollect(*index, low, cursor->rows);
-        } else if (compareKeys(*index, low, high) < 0) {
-            // A hash index keeps no order, so a true range visits every row.
-            for (uint32_t slot = 0; slot < table.slotCount; ++slot) {
-                if (!table.live(slot))
-                    continue;
-                const int64_t *row = table.row(slot);
-                if (compareKeys(*index, low, row) <= 0 && compareKeys(*index, row, high) <= 0)
-                    cursor->rows.push_back(CursorRow{slot, table.headers[slot].gen});
-            }
-        }
-        return cursor.release();
+        if (cursor)
+            cursor->rows.clear();
+        else
+            cursor = new Cursor;
+        indexCollect(*index, low, cursor->rows);
     } catch (const std::bad_alloc &) {
+        if (cursor && cursor != table.spareCursors) // a new one never handed out
+            delete cursor;
         return nullptr;
     }
+    if (cursor == table.spareCursors)
+        table.spareCursors = cursor->nextSpare;
+    cursor->tag = kCursorTag;
+    cursor->table = &table;
+    cursor->next = 0;
+    cursor->nextSpare = nullptr;
+    return cursor;
 }
 
 int32_t trn_fetch(void *handle, int64_t *record)
@@ -59,6 +62,7 @@ int32_t trn_closecursor(void *handle)
     if (!cursor)
         return TRN_EBADARG;
     cursor->tag = kDeadTag;
-    delete cursor;
+    cursor->nextSpare = cursor->table->spareCursors;
+    cursor->table->spareCursors = cursor;
     return TRN_OK;
 }

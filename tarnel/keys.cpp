@@ -34,19 +34,12 @@ uint64_t hashText(const char *s)
 
 const char *text(int64_t v) { return reinterpret_cast<const char *>(static_cast<intptr_t>(v)); }
 
-int compareColumn(int64_t type, int64_t a, int64_t b)
+bool sameColumn(int64_t type, int64_t a, int64_t b)
 {
-    if (type == TRN_COL_STRING) {
-        const char *sa = text(a), *sb = text(b);
-        if (sa == sb)
-            return 0;
-        if (!sa || !sb)
-            return sa ? 1 : -1;
-        int c = std::strcmp(sa, sb); // compares as unsigned char
-        return c < 0 ? -1 : c > 0 ? 1 : 0;
-    }
-    uint64_t ua = static_cast<uint64_t>(a), ub = static_cast<uint64_t>(b);
-    return ua < ub ? -1 : ua > ub ? 1 : 0;
+    if (type != TRN_COL_STRING || a == b)
+        return a == b;
+    const char *sa = text(a), *sb = text(b);
+    return sa && sb && std::strcmp(sa, sb) == 0;
 }
 
 } // namespace
@@ -67,20 +60,9 @@ bool sameKey(const Index &index, const int64_t *a, const int64_t *b)
 {
     const std::vector<int64_t> &types = index.table->types;
     for (int32_t col : index.keyColumns)
-        if (compareColumn(types[col], a[col], b[col]) != 0)
+        if (!sameColumn(types[col], a[col], b[col]))
             return false;
     return true;
-}
-
-int compareKeys(const Index &index, const int64_t *a, const int64_t *b)
-{
-    const std::vector<int64_t> &types = index.table->types;
-    for (int32_t col : index.keyColumns) {
-        int c = compareColumn(types[col], a[col], b[col]);
-        if (c != 0)
-            return c;
-    }
-    return 0;
 }
 
 } // namespace trn

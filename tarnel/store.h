@@ -67,6 +67,7 @@ static_assert(offsetof(Entry, prev) == 12, "index entry layout");
 static_assert(sizeof(int64_t) == sizeof(void *), "a column holds one pointer");
 
 struct Index;
+struct Cursor;
 
 struct Table {
     uint32_t tag = kTableTag;
@@ -77,6 +78,7 @@ struct Table {
     uint32_t freeHead = kNone;
     int64_t rowCount = 0;
     std::vector<Index *> indexes;
+    Cursor *spareCursors = nullptr; // closed cursors, kept for reuse
 
     size_t columns() const { return types.size(); }
     bool live(uint32_t slot) const { return slot < slotCount && headers[slot].link == kLive; }
@@ -103,6 +105,7 @@ struct Cursor {
     Table *table = nullptr;
     std::vector<CursorRow> rows;
     size_t next = 0;
+    Cursor *nextSpare = nullptr;
 };
 
 // Handle checks: null unless the handle is live and of that kind.
@@ -113,9 +116,6 @@ Cursor *asCursor(void *handle);
 // Keys (keys.cpp). Records and rows are arrays of the table's columns.
 uint64_t hashKey(const Index &index, const int64_t *record);
 bool sameKey(const Index &index, const int64_t *a, const int64_t *b);
-// Orders keys column by column: pointers as unsigned values, strings by
-// their bytes with a null string before every text.
-int compareKeys(const Index &index, const int64_t *a, const int64_t *b);
 
 // Index upkeep (hashindex.cpp). The two that may throw std::bad_alloc do so
 // before anything changes.

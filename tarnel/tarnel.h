@@ -61,12 +61,13 @@ TRN_API int32_t trn_select(void *index, int64_t *record);
 /* Removes one row whose key equals the record's key columns, preferring the
    row whose column values are exactly those of the record. */
 TRN_API int32_t trn_delete(void *index, const int64_t *record);
-/* A cursor over the rows whose key lies between the bounds, both included.
-   The bounds are read during this call only. */
+/* A cursor over the rows whose key equals the bounds' key; bounds with
+   different keys are refused (null). The bounds are read during this call
+   only. */
 TRN_API void *trn_opencursor(void *index, const int64_t *low, const int64_t *high);
 /* Copies the next row of the cursor into the record. */
 TRN_API int32_t trn_fetch(void *cursor, int64_t *record);
-/* Releases the cursor. */
+/* Releases the cursor; its handle is refused from then on. */
 TRN_API int32_t trn_closecursor(void *cursor);
 /* Rows in the table, or -1 for a bad handle. */
 TRN_API int64_t trn_rowcount(void *table);

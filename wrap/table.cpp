@@ -2,24 +2,36 @@
 //
 // A row as tarnel stores it, six 64-bit columns:
 //
-//   offset  0  piunk    type 5 (pointer, compared by value)
-//   offset  8  pcomif   type 5
-//   offset 16  pdef     type 5
-//   offset 24  pif      type 5
-//   offset 32  ifname   type 6 (string, compared by text)
-//   offset 40  wtype    type 6
+//   offset  0  piunk    TRN_COL_POINTER (compared by value)
+//   offset  8  pcomif   TRN_COL_POINTER
+//   offset 16  pdef     TRN_COL_POINTER
+//   offset 24  pif      TRN_COL_POINTER
+//   offset 32  ifname   TRN_COL_STRING (compared by text)
+//   offset 40  wtype    TRN_COL_STRING
+//
+// The row's two strings are the runtime's own copies, made in one block of
+// kit memory behind two bytes that tarnel never sees:
+//
+//   [kind][dying][ifname text, NUL][wtype text, NUL]
+//                 ^ ifname column  ^ wtype column
+//
+// kind tells a wrapper row from a proxy row; dying marks the row of a
+// wrapper or proxy whose count reached 0 while its release waits for the
+// wrapper lock. A dying row stays in the table for that release to find by
+// pair, and every other lookup passes over it.
 //
 // Rows are made under the wrapper lock by vxl_wrap and vxl_unwrap, which
-// select before they insert. A nested wrap or unwrap on the same thread can
-// still insert a second row with an existing unique key; tarnel keeps both,
-// so that case never stops the process.
+// look before they insert. A crossing that comes back into the bridge, or
+// one that lets the lock go to load a library, can still insert a second
+// row with an existing key; tarnel keeps both, so that never stops the
+// process.
 #include "table.h"
 
 #include "tarnel.h"
 
 #include <atomic>
 #include <cstddef>
-#include <vector>
+#include <cstring>
 
 static_assert(sizeof(vxl_wraprow) == 6 * sizeof(int64_t), "a row is six 64-bit columns");
 static_assert(offsetof(vxl_wraprow, piunk) == 0, "column 0");
@@ -34,38 +46,97 @@ namespace {
 void *g_table = nullptr;
 void *g_indexes[VXL_WRAP_INDEX_COUNT];
 std::atomic<bool> g_tableready{false};
-// Rows of dying COM wrappers, out of the table until their release comes.
-std::vector<vxl_wraprow> g_retired;
+thread_local int g_lockdepth = 0; // holds of the wrapper lock by this thread
 
-const int32_t kTableOptions[] = {32, 32};
-const int64_t kColumns[] = {5, 5, 5, 5, 6, 6, 100};
+const int32_t kTableOptions[] = {TRN_TABLE_OPTION0, TRN_TABLE_OPTION1};
+const int64_t kColumns[] = {TRN_COL_POINTER, TRN_COL_POINTER, TRN_COL_POINTER, TRN_COL_POINTER,
+                            TRN_COL_STRING,  TRN_COL_STRING,  TRN_COL_END};
 
+#define VXL_COLUMN(field) static_cast<int32_t>(offsetof(vxl_wraprow, field) / sizeof(int64_t))
 struct IndexDef {
     int32_t options[2];
     int32_t keys[4];
 };
 // In creation order, which is the order of vxl_wrapindex.
 const IndexDef kIndexes[VXL_WRAP_INDEX_COUNT] = {
-    {{1, 0}, {2, -1}},        // by-object
-    {{1, 1}, {2, 4, 5, -1}},  // by-object-and-name
-    {{1, 0}, {0, -1}},        // by-identity
-    {{1, 1}, {1, 3, -1}},     // by-pair
-    {{1, 1}, {0, 4, 5, -1}},  // by-identity-and-name
+    {{TRN_INDEX_HASH, TRN_INDEX_MULTI}, {VXL_COLUMN(pdef), TRN_KEY_END}},
+    {{TRN_INDEX_HASH, TRN_INDEX_UNIQUE}, {VXL_COLUMN(pdef), VXL_COLUMN(ifname), VXL_COLUMN(wtype), TRN_KEY_END}},
+    {{TRN_INDEX_HASH, TRN_INDEX_MULTI}, {VXL_COLUMN(piunk), TRN_KEY_END}},
+    {{TRN_INDEX_HASH, TRN_INDEX_UNIQUE}, {VXL_COLUMN(pcomif), VXL_COLUMN(pif), TRN_KEY_END}},
+    {{TRN_INDEX_HASH, TRN_INDEX_UNIQUE}, {VXL_COLUMN(piunk), VXL_COLUMN(ifname), VXL_COLUMN(wtype), TRN_KEY_END}},
 };
+#undef VXL_COLUMN
 
 int64_t *columns(vxl_wraprow *row)
 {
     return reinterpret_cast<int64_t *>(row);
 }
 
+// ---- the row's own bytes --------------------------------------------------------------------
+
+enum RowByte { kKindByte, kDyingByte, kRowBytes };
+
+uint8_t *rowBytes(const vxl_wraprow &row)
+{
+    return reinterpret_cast<uint8_t *>(const_cast<char *>(row.ifname)) - kRowBytes;
+}
+
+// Points the row's string columns at the runtime's copies; false when no
+// kit memory holds them.
+bool copyStrings(vxl_wraprow *row, vxl_rowkind kind)
+{
+    size_t namelen = strlen(row->ifname) + 1, typelen = strlen(row->wtype) + 1;
+    if (namelen + typelen > static_cast<size_t>(INT32_MAX) - kRowBytes)
+        return false;
+    auto *block = static_cast<uint8_t *>(vxl_malloc(static_cast<int32_t>(kRowBytes + namelen + typelen)));
+    if (!block)
+        return false;
+    block[kKindByte] = kind;
+    block[kDyingByte] = 0;
+    char *name = reinterpret_cast<char *>(block + kRowBytes);
+    memcpy(name, row->ifname, namelen);
+    memcpy(name + namelen, row->wtype, typelen);
+    row->ifname = name;
+    row->wtype = name + namelen;
+    return true;
+}
+
+void freeStrings(const vxl_wraprow &row)
+{
+    vxl_free(rowBytes(row));
+}
 
 } // namespace
+
+vxl_wraplock::vxl_wraplock()
+{
+    vxl_com_lock(VXL_WRAPPER_LOCK);
+    ++g_lockdepth;
+}
+
+vxl_wraplock::~vxl_wraplock()
+{
+    --g_lockdepth;
+    vxl_com_unlock(VXL_WRAPPER_LOCK);
+}
+
+void vxl_wraptable_unlocked(void (*f)(void *), void *context)
+{
+    int held = g_lockdepth;
+    for (int k = 0; k < held; ++k)
+        vxl_com_unlock(VXL_WRAPPER_LOCK);
+    g_lockdepth = 0;
+    f(context);
+    for (int k = 0; k < held; ++k)
+        vxl_com_lock(VXL_WRAPPER_LOCK);
+    g_lockdepth = held;
+}
 
 void vxl_wraptable_ensure()
 {
     if (g_tableready.load(std::memory_order_acquire))
         return;
-    vxl_comlockguard lock(VXL_WRAPPER_LOCK);
+    vxl_wraplock lock;
     if (g_tableready.load(std::memory_order_relaxed))
         return;
     g_table = trn_createtable(kTableOptions, kColumns);
@@ -81,37 +152,39 @@ void vxl_wraptable_ensure()
     g_tableready.store(true, std::memory_order_release);
 }
 
-bool vxl_wraptable_select(vxl_wrapindex index, vxl_wraprow *row)
-{
-    vxl_wraprow found = *row;
-    if (trn_select(g_indexes[index], columns(&found)) != 0)
-        return false;
-    *row = found;
-    return true;
-}
-
-bool vxl_wraptable_first(vxl_wrapindex index, vxl_wraprow *row)
+bool vxl_wraptable_find(vxl_wrapindex index, vxl_wraprow *row, bool (*take)(const vxl_wraprow &found), int onlyKind)
 {
     void *cursor = trn_opencursor(g_indexes[index], columns(row), columns(row));
     if (!cursor)
         return false;
-    vxl_wraprow found = *row;
-    bool fetched = trn_fetch(cursor, columns(&found)) == 0;
+    vxl_wraprow found;
+    bool taken = false;
+    while (!taken && trn_fetch(cursor, columns(&found)) == TRN_OK) {
+        uint8_t *bytes = rowBytes(found);
+        if (bytes[kDyingByte] || (onlyKind >= 0 && bytes[kKindByte] != onlyKind))
+            continue;
+        taken = take(found);
+        if (!taken)
+            bytes[kDyingByte] = 1;
+    }
     trn_closecursor(cursor);
-    if (fetched)
+    if (taken)
         *row = found;
-    return fetched;
+    return taken;
 }
 
-void vxl_wraptable_insert(const vxl_wraprow &row)
+vxl_rowkind vxl_wraptable_kind(const vxl_wraprow &row)
+{
+    return static_cast<vxl_rowkind>(rowBytes(row)[kKindByte]);
+}
+
+void vxl_wraptable_insert(const vxl_wraprow &row, vxl_rowkind kind)
 {
     vxl_wraprow stored = row;
-    stored.ifname = vxl_strdup(row.ifname);
-    stored.wtype = vxl_strdup(row.wtype);
-    int32_t status = trn_insert(g_table, columns(&stored));
+    int32_t status = copyStrings(&stored, kind) ? trn_insert(g_table, columns(&stored)) : TRN_ENOMEM;
     vxl_log("trn_insert: piunk = %x, pcomif = %x, pdef = %x, pif = %x, ifname = %s, wtype = %s\n",
             VXL_PTR(row.piunk), VXL_PTR(row.pcomif), VXL_PTR(row.pdef), VXL_PTR(row.pif), row.ifname, row.wtype);
-    if (status != 0 || !stored.ifname || !stored.wtype)
+    if (status != TRN_OK)
         vxl_fatal("trn_insert");
 }
 
@@ -122,50 +195,41 @@ vxl_wraprow vxl_wraptable_findpair(IUnknown *pcomif, vxl_if pif)
     row.pif = pif;
     bool found;
     {
-        vxl_comlockguard lock(VXL_WRAPPER_LOCK);
-        found = vxl_wraptable_select(VXL_BY_PAIR, &row);
+        vxl_wraplock lock;
+        found = trn_select(g_indexes[VXL_BY_PAIR], columns(&row)) == TRN_OK;
     }
     if (!found)
         vxl_fatal("trn_select");
     return row;
 }
 
-bool vxl_wraptable_take(IUnknown *pcomif, vxl_if pif, vxl_wraprow *row)
+void vxl_wraptable_end(IUnknown *pcomif, vxl_if pif, vxl_rowkind kind)
 {
-    *row = {};
-    row->pcomif = pcomif;
-    row->pif = pif;
-    trn_select(g_indexes[VXL_BY_PAIR], columns(row));
-    if (trn_delete(g_indexes[VXL_BY_PAIR], columns(row)) == 0)
-        return true;
-    for (auto it = g_retired.begin(); it != g_retired.end(); ++it) {
-        if (it->pcomif == pcomif && it->pif == pif) {
-            *row = *it;
-            g_retired.erase(it);
-            return true;
-        }
-    }
-    return false;
-}
-
-void vxl_wraptable_retire(const vxl_wraprow &row)
-{
-    vxl_wraprow found = row;
-    trn_select(g_indexes[VXL_BY_PAIR], columns(&found));
-    if (trn_delete(g_indexes[VXL_BY_PAIR], columns(&found)) != 0)
-        vxl_fatal("trn_delete");
-    g_retired.push_back(found);
-}
-
-vxl_wraprow vxl_wraptable_deletepair(IUnknown *pcomif, vxl_if pif)
-{
-    vxl_wraprow row;
-    bool taken;
+    vxl_wraprow row = {};
+    row.pcomif = pcomif;
+    row.pif = pif;
+    bool removed;
     {
-        vxl_comlockguard lock(VXL_WRAPPER_LOCK);
-        taken = vxl_wraptable_take(pcomif, pif, &row);
+        vxl_wraplock lock;
+        removed = trn_select(g_indexes[VXL_BY_PAIR], columns(&row)) == TRN_OK &&
+                  trn_delete(g_indexes[VXL_BY_PAIR], columns(&row)) == TRN_OK;
     }
-    if (!taken)
+    if (!removed)
         vxl_fatal("trn_delete");
-    return row;
+    freeStrings(row);
+    auto giveKit = [&] {
+        if (kind == VXL_WRAPPER_ROW || row.pdef != row.pif)
+            row.pdef->slots->decref(row.pdef);
+    };
+    auto giveCom = [&] {
+        if (kind == VXL_PROXY_ROW || row.piunk != row.pcomif)
+            row.piunk->Release();
+    };
+    if (kind == VXL_WRAPPER_ROW) {
+        giveCom();
+        giveKit();
+    } else {
+        giveKit();
+        giveCom();
+    }
 }

@@ -23,30 +23,72 @@ enum vxl_wrapindex {
     VXL_WRAP_INDEX_COUNT
 };
 
+// Who made a row decides the references it holds. A wrapper row (vxl_wrap):
+// one kit reference on pdef, and one COM reference on piunk unless piunk is
+// pcomif. A proxy row (vxl_unwrap): one COM reference on piunk, and one kit
+// reference on pdef unless pdef is pif; its proxy holds pcomif.
+enum vxl_rowkind : uint8_t { VXL_WRAPPER_ROW, VXL_PROXY_ROW };
+
 // Creates the table and its indexes once per process; fatal when tarnel fails.
 void vxl_wraptable_ensure();
 
-// The caller holds the wrapper lock for these three.
-// Fills row from the row whose key (the index's columns of row) is equal.
-bool vxl_wraptable_select(vxl_wrapindex index, vxl_wraprow *row);
-// As select, through a cursor: the first of the rows with an equal key.
-bool vxl_wraptable_first(vxl_wrapindex index, vxl_wraprow *row);
+// Holds the wrapper lock for a scope. A thread may hold it several times
+// over (a crossing that comes back into the bridge); vxl_wraptable_unlocked
+// lets go of every hold.
+class vxl_wraplock {
+public:
+    vxl_wraplock();
+    ~vxl_wraplock();
+    vxl_wraplock(const vxl_wraplock &) = delete;
+    vxl_wraplock &operator=(const vxl_wraplock &) = delete;
+};
+
+// ---- with the wrapper lock held ----------------------------------------------------------
+// The first row whose key (the index's columns of row) equals row's, that
+// is not dying and for which take(found) answers true (it took the
+// reference the caller needs): row is filled with it. A row for which take
+// answers false belongs to a wrapper or proxy that is dying on another
+// thread: it is marked, and no lookup finds it again (its own release still
+// finds it by pair). With a kind given, rows of the other kind are passed
+// over. False when there is no such row.
+bool vxl_wraptable_find(vxl_wrapindex index, vxl_wraprow *row, bool (*take)(const vxl_wraprow &found),
+                        int onlyKind = -1);
 // Inserts row with its own copies of ifname and wtype, writing the trace
 // line; fatal when the table refuses.
-void vxl_wraptable_insert(const vxl_wraprow &row);
+void vxl_wraptable_insert(const vxl_wraprow &row, vxl_rowkind kind);
+// How a row found in the table was made.
+vxl_rowkind vxl_wraptable_kind(const vxl_wraprow &row);
 
-// The caller holds the wrapper lock. Removes the pair's row, or the row put
-// aside for it by vxl_wraptable_retire, into row; false when there is none.
-bool vxl_wraptable_take(IUnknown *pcomif, vxl_if pif, vxl_wraprow *row);
-// The caller holds the wrapper lock. Takes the row of a COM wrapper that is
-// already dying (its count reached 0, its vxl_com_releasewrapper is on the
-// way) out of the table, so that nobody finds it any more, and keeps it
-// aside for that call.
-void vxl_wraptable_retire(const vxl_wraprow &row);
+// Lets go of the wrapper lock entirely (as often as this thread holds it),
+// runs f, and takes the lock again as often. A library may only load this
+// way: its initialisation takes the loader lock, which a thread that
+// releases a wrapper at its exit holds while it waits for the wrapper lock.
+void vxl_wraptable_unlocked(void (*f)(void *), void *context);
+template <typename F> void vxl_wraptable_unlocked(F f)
+{
+    vxl_wraptable_unlocked([](void *context) { (*static_cast<F *>(context))(); }, &f);
+}
 
-// Take the wrapper lock themselves. Both are fatal when the pair has no row:
-// every live wrapper and proxy has one.
+// A crossing in at most two attempts, each with the wrapper lock held. An
+// attempt answers whether it is done: it found or made what it looked for,
+// or failed for good. After a first attempt that is not, the wrapper
+// library of (ifname, wtype) loads itself with the lock let go, and the
+// second attempt starts again from its lookups: meanwhile another thread
+// may have made what the first one missed.
+template <typename Attempt> void vxl_wraptable_cross(const char *ifname, const char *wtype, Attempt attempt)
+{
+    vxl_wraplock lock;
+    if (attempt(false))
+        return;
+    vxl_wraptable_unlocked([&] { vxl_com_wrapper_tryload(ifname, wtype); });
+    attempt(true);
+}
+
+// ---- taking the wrapper lock themselves --------------------------------------------------
+// The row of a live wrapper or proxy; fatal ("trn_select") when it has
+// none: every live wrapper and proxy has one.
 vxl_wraprow vxl_wraptable_findpair(IUnknown *pcomif, vxl_if pif);
-// Removes the pair's row and returns it; the caller frees its two strings
-// and gives back its references.
-vxl_wraprow vxl_wraptable_deletepair(IUnknown *pcomif, vxl_if pif);
+// Ends the row of a wrapper or proxy whose count reached 0: removes it
+// (fatal, "trn_delete", when it has none), frees its strings and gives back
+// the references it held, those of the side made for the row first.
+void vxl_wraptable_end(IUnknown *pcomif, vxl_if pif, vxl_rowkind kind);

@@ -6,55 +6,62 @@
 // interface it stands for. As with wrapping, one proxy exists per (COM
 // object, name, type), and all proxies of one COM object share one kit
 // identity: the first proxy made for it.
+//
+// A proxy's count is the runtime's own, so a proxy whose count reached 0
+// (its destroy callback waiting for the wrapper lock) is told apart without
+// asking anybody: it gets no new reference (vxl_increfifalive).
 #include "table.h"
+
+#include "comserver/wrappertypes.h"
 
 #include <cstdio>
 #include <cstring>
 
 namespace {
 
-const GUID *iidForType(const vxl_comifinfo &info, const char *wtype)
+// The reference the caller of vxl_unwrap gets on the kit interface of a row.
+bool takeKitInterface(const vxl_wraprow &row)
 {
-    if (strcmp(wtype, "com") == 0)
-        return &info.iid_com;
-    if (strcmp(wtype, "comS") == 0)
-        return &info.iid_comS;
-    if (strcmp(wtype, "comP") == 0)
-        return &info.iid_comP;
-    return nullptr;
+    return vxl_increfifalive(row.pif);
 }
 
-// The COM interface for (name, type), loading the wrapper library registered
-// for the pair when the first attempt gives nothing.
+// The reference a new row takes on the kit identity found in another row.
+bool takeKitIdentity(const vxl_wraprow &row)
+{
+    return vxl_increfifalive(row.pdef);
+}
+
+// The COM interface of the COM object for (name, type), when the interface's
+// record is known and the type is one of the three.
 IUnknown *queryNamedInterface(IUnknown *pcom, const char *ifname, const char *wtype)
 {
+    vxl_comifinfo info;
+    const vxl_wrappertype *type = vxl_com_wrappertype(wtype);
     IUnknown *itf = nullptr;
-    for (int attempt = 0;; ++attempt) {
-        vxl_comifinfo info;
-        if (vxl_com_getifinfo(ifname, &info) == 0)
-            if (const GUID *iid = iidForType(info, wtype))
-                if (FAILED(pcom->QueryInterface(*iid, reinterpret_cast<void **>(&itf))))
-                    itf = nullptr;
-        if (itf || attempt == 1)
-            return itf;
-        vxl_com_wrapper_tryload(ifname, wtype);
-    }
+    if (!type || vxl_com_getifinfo(ifname, &info) != VXL_OK)
+        return nullptr;
+    if (FAILED(pcom->QueryInterface(info.*type->iid, reinterpret_cast<void **>(&itf))))
+        return nullptr;
+    return itf;
 }
 
-vxl_if makeProxy(IUnknown *pcomif, const char *ifname, const char *wtype)
+// The factory of the proxy class "<name>_<type>_proxy"; null when there is
+// none. Its library may have to load itself first: called with the wrapper
+// lock let go.
+vxl_classfactory *proxyFactory(const char *ifname, const char *wtype)
 {
     size_t size = strlen(ifname) + strlen(wtype) + 32;
+    if (size > INT32_MAX)
+        return nullptr;
     char *classname = static_cast<char *>(vxl_malloc(static_cast<int32_t>(size)));
     if (!classname)
         return nullptr;
     snprintf(classname, size, "%s_%s_proxy", ifname, wtype);
-    vxl_if proxy = nullptr;
-    if (vxl_encapsulate(classname, ifname, pcomif, &proxy) != VXL_OK)
-        proxy = nullptr;
-    if (proxy)
-        pcomif->AddRef(); // the proxy's own reference, given back by its destructor
+    vxl_classfactory *factory = nullptr;
+    if (vxl_createclassfactory(&factory, classname) != VXL_OK)
+        factory = nullptr;
     vxl_free(classname);
-    return proxy;
+    return factory;
 }
 
 } // namespace
@@ -68,50 +75,56 @@ int32_t vxl_unwrap(IUnknown *pcom, const char *ifname, const char *wtype, vxl_if
         return VXL_OK;
     }
     vxl_if proxy = nullptr;
+    IUnknown *identity = nullptr;
     if (ifname && wtype) {
         vxl_wraptable_ensure();
-        IUnknown *identity = nullptr;
-        pcom->QueryInterface(IID_IUnknown, reinterpret_cast<void **>(&identity));
-
-        vxl_com_lock(VXL_WRAPPER_LOCK);
-        vxl_wraprow row = {};
-        row.piunk = identity;
-        row.ifname = ifname;
-        row.wtype = wtype;
-        bool found = vxl_wraptable_select(VXL_BY_IDENTITY_AND_NAME, &row);
-        // A proxy whose count already reached 0 is dying on another thread,
-        // its destroy callback waiting for this lock: it is not handed out
-        // again; its row is set aside for that callback and a new proxy made.
-        if (found && !vxl_increfifalive(row.pif)) {
-            vxl_wraptable_retire(row);
-            found = false;
-        }
-        if (found) {
+        if (FAILED(pcom->QueryInterface(IID_IUnknown, reinterpret_cast<void **>(&identity))))
+            identity = nullptr;
+    }
+    if (identity) {
+        IUnknown *itf = nullptr;
+        auto find = [&](int onlyKind) {
+            vxl_wraprow row = {};
+            row.piunk = identity;
+            row.ifname = ifname;
+            row.wtype = wtype;
+            if (!vxl_wraptable_find(VXL_BY_IDENTITY_AND_NAME, &row, takeKitInterface, onlyKind))
+                return false;
             proxy = row.pif;
-        } else if (IUnknown *itf = queryNamedInterface(pcom, ifname, wtype)) {
-            proxy = makeProxy(itf, ifname, wtype);
-            if (proxy) {
-                // A later proxy takes the object's kit identity from an
-                // earlier row and holds it; the first one is its own.
-                vxl_wraprow earlier = {};
-                earlier.piunk = identity;
-                vxl_if pdef = proxy;
-                // A dying kit identity has no other row left holding it: the
-                // row found is its own, and the new proxy takes its place.
-                if (vxl_wraptable_first(VXL_BY_IDENTITY, &earlier)) {
-                    if (vxl_increfifalive(earlier.pdef))
-                        pdef = earlier.pdef;
-                    else
-                        vxl_wraptable_retire(earlier);
+            return true;
+        };
+        vxl_wraptable_cross(ifname, wtype, [&](bool second) {
+            if (find(-1))
+                return true;
+            if (!itf)
+                itf = queryNamedInterface(pcom, ifname, wtype);
+            if (!itf)
+                return second;
+            vxl_classfactory *factory = nullptr;
+            vxl_wraptable_unlocked([&] { factory = proxyFactory(ifname, wtype); });
+            // Another thread may have made the proxy while the lock was let
+            // go. (A row that this thread's QueryInterface made, when pcom is
+            // a COM wrapper, is not one: the proxy stands for that wrapper.)
+            if (factory && !find(VXL_PROXY_ROW)) {
+                if (vxl_encapsulatefromcf(factory, ifname, itf, &proxy) != VXL_OK)
+                    proxy = nullptr;
+                if (proxy) {
+                    itf->AddRef(); // the proxy's own reference, given back by its destructor
+                    // A later proxy takes the object's kit identity from an
+                    // earlier row and holds it; the first one is its own.
+                    vxl_wraprow earlier = {};
+                    earlier.piunk = identity;
+                    vxl_if pdef = vxl_wraptable_find(VXL_BY_IDENTITY, &earlier, takeKitIdentity) ? earlier.pdef : proxy;
+                    identity->AddRef();
+                    vxl_wraptable_insert({identity, itf, pdef, proxy, ifname, wtype}, VXL_PROXY_ROW);
                 }
-                identity->AddRef();
-                vxl_wraptable_insert({identity, itf, pdef, proxy, ifname, wtype});
             }
+            vxl_destroyclassfactory(factory);
+            return true;
+        });
+        if (itf)
             itf->Release();
-        }
-        vxl_com_unlock(VXL_WRAPPER_LOCK);
-        if (identity)
-            identity->Release();
+        identity->Release();
     }
     *result = proxy;
     return proxy ? VXL_OK : VXL_ENOINTERFACE;
@@ -140,12 +153,7 @@ int32_t vxl_com_wrapperdestructor(void *pcomif, vxl_if pif)
 {
     IUnknown *itf = static_cast<IUnknown *>(pcomif);
     vxl_log("trn_delete: pcomif = %x, pif = %x\n", VXL_PTR(itf), VXL_PTR(pif));
-    vxl_wraprow row = vxl_wraptable_deletepair(itf, pif);
-    vxl_free(const_cast<char *>(row.ifname));
-    vxl_free(const_cast<char *>(row.wtype));
-    if (row.pdef != pif)
-        row.pdef->slots->decref(row.pdef);
-    row.piunk->Release();
+    vxl_wraptable_end(itf, pif, VXL_PROXY_ROW);
     itf->Release();
     return 0;
 }

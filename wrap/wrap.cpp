@@ -6,37 +6,44 @@
 // COM object: one wrapper per (object, name, type), one IUnknown identity
 // (the object's first wrapper, or the COM object behind a kit proxy), and a
 // kit reference per row so the kit object outlives its wrappers.
+//
+// A COM wrapper's count may reach 0 on another thread while its row is
+// still in the table (its vxl_com_releasewrapper waits for the wrapper
+// lock); such a wrapper must not be handed out again. Only a wrapper made
+// here by a wrapper maker can be in that state, and only in its own row: a
+// COM object behind a kit proxy is held by the proxy and by every row of
+// its object, and a first wrapper by every later row of its object. So the
+// count an AddRef answers is read from those wrappers alone, where 1 means
+// it was 0; any other COM object's answer decides nothing.
 #include "table.h"
 
-#include <cstring>
+#include "comserver/wrappertypes.h"
 
 namespace {
 
-vxl_wrapmaker chooseMaker(const vxl_comifinfo &info, const char *wtype)
+// The reference the caller of vxl_wrap gets on the COM interface of a row.
+bool takeComInterface(const vxl_wraprow &row)
 {
-    if (strcmp(wtype, "com") == 0 && info.wrap_com)
-        return info.wrap_com;
-    if (strcmp(wtype, "comP") == 0 && info.wrap_comP)
-        return info.wrap_comP;
-    if (strcmp(wtype, "comS") == 0 && info.wrap_comS)
-        return info.wrap_comS;
-    return nullptr;
+    ULONG count = row.pcomif->AddRef();
+    return vxl_wraptable_kind(row) == VXL_PROXY_ROW || count != 1;
 }
 
-// Asks the interface's maker for a wrapper; when none is known or it makes
-// nothing, the wrapper library registered for the pair loads and we ask once more.
-IUnknown *makeWrapper(vxl_if named, const char *ifname, const char *wtype)
+// The reference a new row takes on the COM identity found in another row.
+bool takeComIdentity(const vxl_wraprow &row)
 {
-    IUnknown *wrapper = nullptr;
-    for (int attempt = 0;; ++attempt) {
-        vxl_comifinfo info;
-        if (vxl_com_getifinfo(ifname, &info) == 0)
-            if (vxl_wrapmaker maker = chooseMaker(info, wtype))
-                maker(named, &wrapper);
-        if (wrapper || attempt == 1)
-            return wrapper;
-        vxl_com_wrapper_tryload(ifname, wtype);
-    }
+    ULONG count = row.piunk->AddRef();
+    return vxl_wraptable_kind(row) == VXL_PROXY_ROW || row.piunk != row.pcomif || count != 1;
+}
+
+// The maker of the interface's record for the type, once the record is
+// known; null otherwise.
+vxl_wrapmaker chooseMaker(const char *ifname, const char *wtype)
+{
+    vxl_comifinfo info;
+    const vxl_wrappertype *type = vxl_com_wrappertype(wtype);
+    if (!type || vxl_com_getifinfo(ifname, &info) != VXL_OK)
+        return nullptr;
+    return info.*type->maker;
 }
 
 } // namespace
@@ -51,54 +58,48 @@ int32_t vxl_wrap(vxl_if pif, const char *ifname, const char *wtype, IUnknown **r
         return VXL_OK;
     }
     IUnknown *wrapper = nullptr;
+    vxl_if identity = nullptr;
     if (ifname && wtype) {
         vxl_wraptable_ensure();
-        vxl_if identity = nullptr;
-        pif->slots->getinterface(pif, nullptr, &identity);
-
-        vxl_com_lock(VXL_WRAPPER_LOCK);
-        vxl_wraprow row = {};
-        row.pdef = identity;
-        row.ifname = ifname;
-        row.wtype = wtype;
-        bool found = vxl_wraptable_select(VXL_BY_OBJECT_AND_NAME, &row);
-        // A count that comes back as 1 was 0: the wrapper is dying on another
-        // thread and blocked on this lock in vxl_com_releasewrapper. It must
-        // not be handed out; it is set aside and a new one made.
-        if (found && row.pcomif->AddRef() == 1) {
-            vxl_wraptable_retire(row);
-            found = false;
-        }
-        if (found) {
-            wrapper = row.pcomif;
-        } else {
-            vxl_if named = nullptr;
-            if (pif->slots->getinterface(pif, ifname, &named) == VXL_OK && named) {
-                wrapper = makeWrapper(named, ifname, wtype);
-                if (wrapper) {
-                    // A later wrapper takes the object's COM identity from an
-                    // earlier row and holds it; the first one is its own.
-                    vxl_wraprow earlier = {};
-                    earlier.pdef = identity;
-                    IUnknown *piunk = wrapper;
-                    // An identity that is dying has no other row left holding
-                    // it: the row found is its own, and the new wrapper takes
-                    // its place.
-                    if (vxl_wraptable_first(VXL_BY_OBJECT, &earlier)) {
-                        if (earlier.piunk->AddRef() == 1)
-                            vxl_wraptable_retire(earlier);
-                        else
-                            piunk = earlier.piunk;
-                    }
-                    identity->slots->incref(identity);
-                    vxl_wraptable_insert({piunk, wrapper, identity, pif, ifname, wtype});
-                }
-                named->slots->decref(named);
+        if (pif->slots->getinterface(pif, nullptr, &identity) != VXL_OK)
+            identity = nullptr;
+    }
+    if (identity) {
+        vxl_if named = nullptr;
+        vxl_wraptable_cross(ifname, wtype, [&](bool second) {
+            vxl_wraprow row = {};
+            row.pdef = identity;
+            row.ifname = ifname;
+            row.wtype = wtype;
+            if (vxl_wraptable_find(VXL_BY_OBJECT_AND_NAME, &row, takeComInterface)) {
+                wrapper = row.pcomif;
+                return true;
             }
-        }
-        vxl_com_unlock(VXL_WRAPPER_LOCK);
-        if (identity)
-            identity->slots->decref(identity);
+            if (!named) {
+                if (pif->slots->getinterface(pif, ifname, &named) != VXL_OK)
+                    named = nullptr;
+                // The row keeps the pointer handed in and the wrapper gets
+                // the named one; the wrapper's callbacks find the row only
+                // when the two are the same.
+                if (named != pif)
+                    return true;
+            }
+            if (vxl_wrapmaker maker = chooseMaker(ifname, wtype))
+                maker(named, &wrapper);
+            if (!wrapper)
+                return second;
+            // A later wrapper takes the object's COM identity from an
+            // earlier row and holds it; the first one is its own.
+            vxl_wraprow earlier = {};
+            earlier.pdef = identity;
+            IUnknown *piunk = vxl_wraptable_find(VXL_BY_OBJECT, &earlier, takeComIdentity) ? earlier.piunk : wrapper;
+            identity->slots->incref(identity);
+            vxl_wraptable_insert({piunk, wrapper, identity, pif, ifname, wtype}, VXL_WRAPPER_ROW);
+            return true;
+        });
+        if (named)
+            named->slots->decref(named);
+        identity->slots->decref(identity);
     }
     *result = wrapper;
     vxl_log("vxl_wrap() = %x\n", VXL_PTR(wrapper));
@@ -126,6 +127,8 @@ HRESULT vxl_com_wrapperqueryinterface(REFIID iid, void **result, IUnknown *wrapp
     const char *ifname = nullptr;
     const char *wtype = nullptr;
     if (IsEqualIID(iid, IID_IDispatch)) {
+        // Cached definitions are never freed, so the name stays readable
+        // even if its library unregisters meanwhile.
         const vxl_interfacedef *def = vxl_getinterfacedef(pif);
         if (def && vxl_com_getifinfo(def->name, &info) == 0) {
             ifname = def->name;
@@ -149,10 +152,5 @@ HRESULT vxl_com_wrapperqueryinterface(REFIID iid, void **result, IUnknown *wrapp
 void vxl_com_releasewrapper(IUnknown *wrapper, vxl_if pif)
 {
     vxl_log("trn_delete: pcomif = %x, pobj = %x\n", VXL_PTR(wrapper), VXL_PTR(pif));
-    vxl_wraprow row = vxl_wraptable_deletepair(wrapper, pif);
-    vxl_free(const_cast<char *>(row.ifname));
-    vxl_free(const_cast<char *>(row.wtype));
-    if (row.piunk != wrapper)
-        row.piunk->Release();
-    row.pdef->slots->decref(row.pdef);
+    vxl_wraptable_end(wrapper, pif, VXL_WRAPPER_ROW);
 }

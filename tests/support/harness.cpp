@@ -5,7 +5,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <map>
-#include <string>
+#include <thread>
+#include <vector>
 
 namespace vxltest {
 
@@ -20,17 +21,11 @@ ChildRegistrar::ChildRegistrar(const char *name, ChildFn fn)
     childRegistry()[name] = fn;
 }
 
-std::string programPath()
-{
-    char path[MAX_PATH];
-    DWORD n = GetModuleFileNameA(nullptr, path, sizeof path);
-    return std::string(path, n);
-}
-
 std::string programDir()
 {
-    std::string path = programPath();
-    return path.substr(0, path.find_last_of("\\/"));
+    char path[MAX_PATH];
+    std::string exe(path, GetModuleFileNameA(nullptr, path, sizeof path));
+    return exe.substr(0, exe.find_last_of("\\/"));
 }
 
 static std::string readWhole(const std::string &path, const char *mode)
@@ -40,21 +35,20 @@ static std::string readWhole(const std::string &path, const char *mode)
         return "";
     std::string text;
     char buf[4096];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, f)) > 0)
+    for (size_t n; (n = fread(buf, 1, sizeof buf, f)) > 0;)
         text.append(buf, n);
     fclose(f);
     return text;
 }
 
-std::string readFile(const std::string &path)
-{
-    return readWhole(path, "rb");
-}
-
 std::string readLog(const std::string &path)
 {
     return readWhole(path, "r");
+}
+
+std::string readFile(const std::string &path)
+{
+    return readWhole(path, "rb");
 }
 
 bool fileExists(const std::string &path)
@@ -79,41 +73,79 @@ std::string LogTail::text() const
     return all.size() > start_ ? all.substr(start_) : std::string();
 }
 
-std::string expectedPath()
-{
-    const char *log = getenv("VXLLOGNAME");
-    return std::string(log ? log : "") + ".expected";
-}
-
 void writeExpected(const std::string &text)
 {
-    FILE *f = fopen(expectedPath().c_str(), "w");
-    if (!f)
-        return;
-    fputs(text.c_str(), f);
-    fclose(f);
+    const char *log = getenv("VXLLOGNAME");
+    if (FILE *f = fopen((std::string(log ? log : "") + ".expected").c_str(), "w")) {
+        fputs(text.c_str(), f);
+        fclose(f);
+    }
 }
 
-int runChild(const char *name, const char *logname)
+std::string childLogAgainstExpected(const char *name, int *exitcode)
+{
+    std::string log = scratchPath(std::string(name) + ".log");
+    scratchPath(std::string(name) + ".log.expected");
+    *exitcode = runChild(name, log.c_str());
+    std::string expected = readLog(log + ".expected");
+    std::string got = readLog(log);
+    return expected == got && fileExists(log + ".expected") ? "" : "expected:\n" + expected + "got:\n" + got;
+}
+
+int runChild(const char *name, const char *logname, unsigned long timeout)
 {
     char saved[1024];
     DWORD had = GetEnvironmentVariableA("VXLLOGNAME", saved, sizeof saved);
     SetEnvironmentVariableA("VXLLOGNAME", logname);
 
-    std::string cmd = "\"" + programPath() + "\" --vxl-child=" + name;
+    // Starting a process can fail for reasons of the host (a busy machine,
+    // Wine's loader short of memory), which is not what any test examines:
+    // a start is tried a few times, and a final failure names the error.
+    char path[MAX_PATH];
+    std::string cmd = "\"" + std::string(path, GetModuleFileNameA(nullptr, path, sizeof path)) +
+                      "\" --vxl-child=" + name;
     STARTUPINFOA si = {};
     si.cb = sizeof si;
     PROCESS_INFORMATION pi = {};
-    BOOL ok = CreateProcessA(nullptr, &cmd[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi);
+    BOOL ok = FALSE;
+    DWORD error = 0;
+    for (int attempt = 0; attempt < 5 && !ok; ++attempt) {
+        if (attempt)
+            Sleep(200 * attempt);
+        ok = CreateProcessA(nullptr, &cmd[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi);
+        error = ok ? 0 : GetLastError();
+    }
     SetEnvironmentVariableA("VXLLOGNAME", had ? saved : nullptr);
-    if (!ok)
+    if (!ok) {
+        fprintf(stderr, "child %s: CreateProcessA failed with error %lu\n", name, error);
         return -1;
-    WaitForSingleObject(pi.hProcess, INFINITE);
-    DWORD code = 0;
-    GetExitCodeProcess(pi.hProcess, &code);
+    }
+    DWORD code = kChildTimedOut;
+    if (WaitForSingleObject(pi.hProcess, timeout) == WAIT_OBJECT_0) {
+        GetExitCodeProcess(pi.hProcess, &code);
+    } else {
+        fprintf(stderr, "child %s: still running after %lu ms, stopped\n", name, timeout);
+        TerminateProcess(pi.hProcess, kChildTimedOut);
+        WaitForSingleObject(pi.hProcess, INFINITE);
+    }
     CloseHandle(pi.hThread);
     CloseHandle(pi.hProcess);
     return static_cast<int>(code);
+}
+
+void runTogether(int count, const std::function<void(int)> &body)
+{
+    HANDLE start = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < count; ++t)
+        threads.emplace_back([&, t] {
+            WaitForSingleObject(start, INFINITE);
+            body(t);
+        });
+    SetEvent(start);
+    for (std::thread &t : threads)
+        t.join();
+    CloseHandle(start);
 }
 
 } // namespace vxltest

@@ -34,8 +34,6 @@ struct IVxNamed : public IUnknown {
     virtual HRESULT STDMETHODCALLTYPE Label(BSTR *text) = 0;
 };
 
-enum { DISPID_COUNTER_ADD = 1, DISPID_COUNTER_GET = 2 };
-
 // Kit method functions as callers see them through slots 4 and 5.
 typedef int32_t (*counter_add_slot)(vxl_if self, int32_t delta);
 typedef int32_t (*counter_get_slot)(vxl_if self, int32_t *value);

@@ -2,7 +2,8 @@
 // component vendor would write one: COM wrapper classes with their makers,
 // and the kit proxy classes "<interface>_<type>_proxy". It registers both
 // with the runtime when it loads; the runtime finds it through the wrapper
-// registry and loads it on demand.
+// registry and loads it on demand. A test may set a hook that a wrapper or
+// proxy calls when its count has reached 0, before it calls back.
 #include "testifaces.h"
 
 #include <windows.h>
@@ -12,8 +13,15 @@
 namespace {
 
 std::atomic<LONG> g_livewrappers{0};
+void (*g_dyinghook)() = nullptr;
 
-// ---- COM wrappers ---------------------------------------------------------------
+void dying()
+{
+    if (g_dyinghook)
+        g_dyinghook();
+}
+
+// ---- COM wrappers ------------------------------------------------------------------------
 // Each keeps its own kit reference on the interface it wraps and answers
 // QueryInterface through the runtime, so all wrappers of one kit object
 // share one COM identity.
@@ -26,17 +34,17 @@ public:
         ++g_livewrappers;
     }
     virtual ~Wrapper() { --g_livewrappers; }
-
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void **result) override
     {
-        return vxl_com_wrapperqueryinterface(iid, result, self(), pif_);
+        return vxl_com_wrapperqueryinterface(iid, result, this, pif_);
     }
     ULONG STDMETHODCALLTYPE AddRef() override { return InterlockedIncrement(&refs_); }
     ULONG STDMETHODCALLTYPE Release() override
     {
         LONG left = InterlockedDecrement(&refs_);
         if (left == 0) {
-            vxl_com_releasewrapper(self(), pif_);
+            dying();
+            vxl_com_releasewrapper(this, pif_);
             pif_->slots->decref(pif_);
             delete this;
         }
@@ -44,7 +52,6 @@ public:
     }
 
 protected:
-    IUnknown *self() { return static_cast<IUnknown *>(this); }
     vxl_if pif_;
 
 private:
@@ -60,14 +67,13 @@ public:
     }
     HRESULT STDMETHODCALLTYPE Get(LONG *value) override
     {
-        int32_t v = 0;
-        int32_t status = VXL_METHOD(this->pif_, 1, counter_get_slot)(this->pif_, &v);
+        int32_t v = 0, status = VXL_METHOD(this->pif_, 1, counter_get_slot)(this->pif_, &v);
         *value = v;
         return vxl_com_err2hret(status);
     }
 };
 
-// The "comS" form: a dual interface whose dispatch side scripts can call.
+// The "comS" form, a dual interface; its dispatch side is not used here.
 class CounterDispatchWrapper : public CounterWrapper<IVxCounterS> {
 public:
     using CounterWrapper<IVxCounterS>::CounterWrapper;
@@ -76,48 +82,11 @@ public:
         *count = 0;
         return S_OK;
     }
-    HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT, LCID, ITypeInfo **info) override
+    HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT, LCID, ITypeInfo **) override { return E_NOTIMPL; }
+    HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR *, UINT, LCID, DISPID *) override { return E_NOTIMPL; }
+    HRESULT STDMETHODCALLTYPE Invoke(DISPID, REFIID, LCID, WORD, DISPPARAMS *, VARIANT *, EXCEPINFO *, UINT *) override
     {
-        *info = nullptr;
         return E_NOTIMPL;
-    }
-    HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR *names, UINT count, LCID, DISPID *ids) override
-    {
-        HRESULT hr = S_OK;
-        for (UINT k = 0; k < count; ++k) {
-            if (_wcsicmp(names[k], L"Add") == 0)
-                ids[k] = DISPID_COUNTER_ADD;
-            else if (_wcsicmp(names[k], L"Get") == 0)
-                ids[k] = DISPID_COUNTER_GET;
-            else {
-                ids[k] = DISPID_UNKNOWN;
-                hr = DISP_E_UNKNOWNNAME;
-            }
-        }
-        return hr;
-    }
-    HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID, LCID, WORD, DISPPARAMS *params, VARIANT *result,
-                                     EXCEPINFO *, UINT *) override
-    {
-        if (id == DISPID_COUNTER_ADD) {
-            if (params->cArgs != 1)
-                return DISP_E_BADPARAMCOUNT;
-            VARIANT delta;
-            VariantInit(&delta);
-            HRESULT hr = VariantChangeType(&delta, &params->rgvarg[0], 0, VT_I4);
-            return FAILED(hr) ? hr : Add(V_I4(&delta));
-        }
-        if (id == DISPID_COUNTER_GET) {
-            LONG value = 0;
-            HRESULT hr = Get(&value);
-            if (SUCCEEDED(hr) && result) {
-                VariantInit(result);
-                V_VT(result) = VT_I4;
-                V_I4(result) = value;
-            }
-            return hr;
-        }
-        return DISP_E_MEMBERNOTFOUND;
     }
 };
 
@@ -139,7 +108,7 @@ template <class W> int32_t makeWrapper(vxl_if pif, IUnknown **result)
     return VXL_OK;
 }
 
-// ---- kit proxies --------------------------------------------------------------------
+// ---- kit proxies ----------------------------------------------------------------------------
 // The implementation pointer of a proxy is the COM interface it stands for.
 
 template <class Itf> int32_t proxyAdd(void *impl, int32_t delta)
@@ -155,8 +124,7 @@ template <class Itf> int32_t proxyGet(void *impl, int32_t *value)
 }
 int32_t proxyLabel(void *impl, const char **text)
 {
-    // The proxy keeps the last label so the caller need not free it.
-    static thread_local char *last = nullptr;
+    static thread_local char *last = nullptr; // kept so the caller need not free it
     BSTR label = nullptr;
     HRESULT hr = static_cast<IVxNamed *>(impl)->Label(&label);
     vxl_free(last);
@@ -165,36 +133,31 @@ int32_t proxyLabel(void *impl, const char **text)
     *text = last;
     return vxl_com_hret2err(hr);
 }
-
-// Proxies are made only by the runtime, through vxl_encapsulate.
-int32_t refuseCreate(void **, vxl_if)
+int32_t proxyDestroy(void *impl, vxl_if primary)
 {
-    return VXL_EFAIL;
+    dying();
+    return vxl_com_wrapperdestructor(impl, primary);
 }
 
 template <class Itf>
 const vxl_fn counterProxyMethods[] = {reinterpret_cast<vxl_fn>(proxyAdd<Itf>), reinterpret_cast<vxl_fn>(proxyGet<Itf>)};
 template <class Itf> const vxl_componentinterface counterProxyIface = {&ICounterDef, counterProxyMethods<Itf>};
 template <class Itf> const vxl_componentinterface *const counterProxyIfaces[] = {&counterProxyIface<Itf>};
-
 const vxl_fn namedProxyMethods[] = {reinterpret_cast<vxl_fn>(proxyLabel)};
 const vxl_componentinterface namedProxyIface = {&INamedDef, namedProxyMethods};
 const vxl_componentinterface *const namedProxyIfaces[] = {&namedProxyIface};
 
-const vxl_componentdef counterComProxy = {"ICounter_com_proxy", 1, counterProxyIfaces<IVxCounter>,
-                                          refuseCreate, vxl_com_wrapperdestructor, vxl_com_wrappergetinterface};
-const vxl_componentdef counterComSProxy = {"ICounter_comS_proxy", 1, counterProxyIfaces<IVxCounterS>,
-                                           refuseCreate, vxl_com_wrapperdestructor, vxl_com_wrappergetinterface};
-const vxl_componentdef counterComPProxy = {"ICounter_comP_proxy", 1, counterProxyIfaces<IVxCounterP>,
-                                           refuseCreate, vxl_com_wrapperdestructor, vxl_com_wrappergetinterface};
-const vxl_componentdef namedComProxy = {"INamed_com_proxy", 1, namedProxyIfaces, refuseCreate,
-                                        vxl_com_wrapperdestructor, vxl_com_wrappergetinterface};
-
-const vxl_componentdef *const proxyClasses[] = {&counterComProxy, &counterComSProxy, &counterComPProxy,
-                                                &namedComProxy, nullptr};
+// Proxies are made only by the runtime, through vxl_encapsulate: no create.
+#define PROXY(name, ifaces) {name, 1, ifaces, nullptr, proxyDestroy, vxl_com_wrappergetinterface}
+const vxl_componentdef proxyClassDefs[] = {PROXY("ICounter_com_proxy", counterProxyIfaces<IVxCounter>),
+                                           PROXY("ICounter_comS_proxy", counterProxyIfaces<IVxCounterS>),
+                                           PROXY("ICounter_comP_proxy", counterProxyIfaces<IVxCounterP>),
+                                           PROXY("INamed_com_proxy", namedProxyIfaces)};
+const vxl_componentdef *const proxyClasses[] = {&proxyClassDefs[0], &proxyClassDefs[1], &proxyClassDefs[2],
+                                                &proxyClassDefs[3], nullptr};
 const vxl_interfacedef *const proxyInterfaces[] = {&ICounterDef, &INamedDef, nullptr};
 
-// ---- COM-side records ---------------------------------------------------------------
+// ---- COM-side records ------------------------------------------------------------------------
 
 const vxl_comifinfo counterInfo = {"ICounter", IID_IVxCounter, IID_IVxCounterS, IID_IVxCounterP, GUID_NULL,
                                    GUID_NULL, makeWrapper<CounterWrapper<IVxCounter>>,
@@ -211,6 +174,11 @@ const vxl_comlibinfo libinfo = {"testwrappers.dll", GUID_NULL};
 extern "C" __declspec(dllexport) LONG testwrappers_livewrappers(void)
 {
     return g_livewrappers.load();
+}
+
+extern "C" __declspec(dllexport) void testwrappers_setdyinghook(void (*hook)())
+{
+    g_dyinghook = hook;
 }
 
 // Registration only allocates and takes the runtime's locks, which is safe
