@@ -59,9 +59,10 @@ the kit class "VexalSample.Calculator", with the interfaces ICalculator and
 IGreeter, in static tables. It is also an in-process COM server of that
 class and the wrapper library of both interfaces. vxsampleserver.exe serves
 the same component as "VexalSample.RemoteCalculator" from a process of its
-own. The trace logs are in build/bin/demo-trace.
-
+own.
 EOF
+echo "Whole trace logs: $PWD/$traces"
+echo
 
 echo "[1] Register the servers: regsvr32 vxsample.dll, vxsampleserver /RegServer"
 registered=1
@@ -127,6 +128,12 @@ echo "[5] Unregister both servers"
 registered=0
 unregister || fail "unregistering"
 road unregister-dll.log regsvr32.exe '^vxl_com_unregisterserver'
-echo "  The registry holds nothing of the sample any more."
+for key in 'HKCR\VexalSample.Calculator' 'HKCR\VexalSample.RemoteCalculator' \
+  'HKLM\Software\Quelt\vexa\interfaces\ICalculator-com'; do
+  if run reg.log reg query "$key" >/dev/null 2>&1; then
+    fail "$key is still in the registry"
+  fi
+done
+echo "  The ProgIDs and the wrapper-library entries are gone from the registry."
 echo
 echo "demo passed"
