@@ -29,7 +29,7 @@ trap stop_wine EXIT
 
 case "$what" in
   demo)
-    (cd "$build/bin" && "$OLDPWD/cmake/wine-run.sh" "$PWD/vexal_demo.exe")
+    examples/demo.sh "$build"
     ;;
   test)
     ctest --test-dir "$build" -j"$(nproc)" --output-on-failure

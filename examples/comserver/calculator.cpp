@@ -6,6 +6,7 @@
 
 #include <climits>
 #include <cstdio>
+#include <iterator>
 #include <new>
 
 namespace {
@@ -96,10 +97,15 @@ const vxl_fn calculatorFunctions[] = {reinterpret_cast<vxl_fn>(add), reinterpret
                                       reinterpret_cast<vxl_fn>(describe)};
 const vxl_fn greeterFunctions[] = {reinterpret_cast<vxl_fn>(greet), reinterpret_cast<vxl_fn>(greetings)};
 
+static_assert(std::size(calculatorMethods) == VXSAMPLE_CALCULATOR_METHODS, "one definition per method");
+static_assert(std::size(calculatorFunctions) == VXSAMPLE_CALCULATOR_METHODS, "one function per method");
+static_assert(std::size(greeterMethods) == VXSAMPLE_GREETER_METHODS, "one definition per method");
+static_assert(std::size(greeterFunctions) == VXSAMPLE_GREETER_METHODS, "one function per method");
+
 } // namespace
 
-const vxl_interfacedef vxsample_ICalculator = {"ICalculator", 3, calculatorMethods};
-const vxl_interfacedef vxsample_IGreeter = {"IGreeter", 2, greeterMethods};
+const vxl_interfacedef vxsample_ICalculator = {"ICalculator", VXSAMPLE_CALCULATOR_METHODS, calculatorMethods};
+const vxl_interfacedef vxsample_IGreeter = {"IGreeter", VXSAMPLE_GREETER_METHODS, greeterMethods};
 
 namespace {
 const vxl_componentinterface calculatorEntry = {&vxsample_ICalculator, calculatorFunctions};

@@ -27,9 +27,11 @@ int32_t vxsample_destroycalculator(void *impl, vxl_if primary);
 // which reaches COM clients as an interface-specific HRESULT.
 #define VXSAMPLE_E_OVERFLOW (-1)
 
-// The methods as callers reach them through a kit interface's slots.
-enum { VXSAMPLE_ADD, VXSAMPLE_SCALE, VXSAMPLE_DESCRIBE };
-enum { VXSAMPLE_GREET, VXSAMPLE_GREETINGS };
+// The methods as callers reach them through a kit interface's slots: the
+// number of each method (its place in the interface definition) and its
+// function type. The last name of each list counts the methods.
+enum { VXSAMPLE_ADD, VXSAMPLE_SCALE, VXSAMPLE_DESCRIBE, VXSAMPLE_CALCULATOR_METHODS };
+enum { VXSAMPLE_GREET, VXSAMPLE_GREETINGS, VXSAMPLE_GREETER_METHODS };
 typedef int32_t (*vxsample_add_slot)(vxl_if self, int32_t a, int32_t b, int32_t *sum);
 typedef int32_t (*vxsample_scale_slot)(vxl_if self, double value, double factor, double *result);
 typedef int32_t (*vxsample_describe_slot)(vxl_if self, const char *label, double value, char **text);

@@ -14,7 +14,9 @@
 
 #include <windows.h>
 
+#include <cstdlib>
 #include <cstring>
+#include <string>
 
 namespace {
 
@@ -61,6 +63,18 @@ bool hasSwitch(int argc, char **argv, const char *name)
     return false;
 }
 
+// COM starts the server with the environment of the client that asked for
+// it. A client that traces to the file VXLLOGNAME names would see its log
+// overwritten by the server's, so a server started by COM traces to that
+// name with ".server" added. It must run before the runtime's first message,
+// which reads the name.
+void traceApartFromClient()
+{
+    const char *name = getenv("VXLLOGNAME");
+    if (name && *name)
+        _putenv(("VXLLOGNAME=" + std::string(name) + ".server").c_str());
+}
+
 int serve()
 {
     // Loading the wrapper library up front lets the first request already
@@ -90,6 +104,8 @@ int serve()
 int main(int argc, char **argv)
 {
     g_mainthread = GetCurrentThreadId();
+    if (hasSwitch(argc, argv, "Embedding"))
+        traceApartFromClient();
     vxl_init();
     vxl_register("vxsampleserver", kitComponents, vxsample_interfaces);
     vxl_com_register(&library, comComponents, noInterfaces);

@@ -1,23 +1,18 @@
-// COM wrappers and kit proxies of ICalculator and IGreeter (see wrappers.h).
+// COM wrappers and kit proxies of ICalculator and IGreeter (see wrappers.h);
+// the parts that do not depend on the interface are in wrapperbase.h.
 //
-// A COM wrapper holds a kit reference on the interface it shows and answers
-// QueryInterface through the runtime, so that all wrappers of one kit object
-// share one COM identity; when its count reaches 0 it tells the runtime
-// before it frees itself. The dual ("comS") forms implement IDispatch from
-// the type library embedded in this module, which is what scripts call.
-//
-// A kit proxy is a kit object whose implementation pointer is the COM
-// interface it stands for; its methods call that interface. The runtime
-// creates proxies itself (vxl_encapsulate), with the two proxy callbacks
-// vxl_com_wrappergetinterface and vxl_com_wrapperdestructor.
+// For each interface and each COM form it is offered in, one wrapper class
+// whose COM methods call the kit interface's slots; for each kit interface
+// and COM form, one proxy class whose kit functions call the COM methods;
+// and one vxl_comifinfo record that ties the interface's name to its IIDs
+// and wrapper makers.
 #include "wrappers.h"
 
 #include "calculator.h"
 #include "vxsample.h"
+#include "wrapperbase.h"
 
-#include <windows.h>
-
-#include <new>
+#include <iterator>
 #include <vector>
 
 namespace {
@@ -25,114 +20,10 @@ namespace {
 // CLSID of the connection-point class "CPICalculator".
 const CLSID CLSID_CPICalculator = {0x6bc3821b, 0x8673, 0x458a, {0x91, 0xfa, 0xac, 0x69, 0xa3, 0x80, 0x22, 0x79}};
 
-volatile LONG g_livewrappers = 0;
+// ---- COM wrappers: COM methods that call kit slots ---------------------------------
 
-// ---- COM wrappers ------------------------------------------------------------------
-
-template <class Itf> class Wrapper : public Itf {
-public:
-    explicit Wrapper(vxl_if pif) : pif_(pif)
-    {
-        pif_->slots->incref(pif_);
-        InterlockedIncrement(&g_livewrappers);
-    }
-
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void **out) override
-    {
-        return vxl_com_wrapperqueryinterface(iid, out, this, pif_);
-    }
-    ULONG STDMETHODCALLTYPE AddRef() override { return InterlockedIncrement(&refs_); }
-    ULONG STDMETHODCALLTYPE Release() override
-    {
-        LONG left = InterlockedDecrement(&refs_);
-        if (left == 0) {
-            vxl_com_releasewrapper(this, pif_);
-            pif_->slots->decref(pif_);
-            delete this;
-        }
-        return left;
-    }
-
-protected:
-    virtual ~Wrapper() { InterlockedDecrement(&g_livewrappers); }
-
-    template <class Slot> Slot method(int j) const { return VXL_METHOD(pif_, j, Slot); }
-    vxl_if pif_;
-
-private:
-    LONG refs_ = 1;
-};
-
-// Type information of one interface from this module's own type library,
-// loaded on first use and kept for the life of the process.
-ITypeInfo *loadTypeInfo(REFIID iid)
-{
-    HMODULE self = nullptr;
-    wchar_t path[MAX_PATH];
-    ITypeLib *typelib = nullptr;
-    ITypeInfo *info = nullptr;
-    if (GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
-                           reinterpret_cast<LPCWSTR>(&loadTypeInfo), &self) &&
-        GetModuleFileNameW(self, path, MAX_PATH) && SUCCEEDED(LoadTypeLibEx(path, REGKIND_NONE, &typelib))) {
-        typelib->GetTypeInfoOfGuid(iid, &info);
-        typelib->Release();
-    }
-    return info;
-}
-
-template <class Itf> ITypeInfo *typeInfo()
-{
-    static ITypeInfo *const info = loadTypeInfo(__uuidof(Itf));
-    return info;
-}
-
-// IDispatch of a dual interface: the type library maps names and calls the
-// interface's own methods.
-template <class Itf> class DispatchWrapper : public Wrapper<Itf> {
-public:
-    using Wrapper<Itf>::Wrapper;
-
-    HRESULT STDMETHODCALLTYPE GetTypeInfoCount(UINT *count) override
-    {
-        if (!count)
-            return E_POINTER;
-        *count = 1;
-        return S_OK;
-    }
-    HRESULT STDMETHODCALLTYPE GetTypeInfo(UINT index, LCID, ITypeInfo **out) override
-    {
-        if (!out)
-            return E_POINTER;
-        *out = index == 0 ? typeInfo<Itf>() : nullptr;
-        if (!*out)
-            return index == 0 ? E_UNEXPECTED : DISP_E_BADINDEX;
-        (*out)->AddRef();
-        return S_OK;
-    }
-    HRESULT STDMETHODCALLTYPE GetIDsOfNames(REFIID, LPOLESTR *names, UINT count, LCID, DISPID *ids) override
-    {
-        ITypeInfo *info = typeInfo<Itf>();
-        return info ? DispGetIDsOfNames(info, names, count, ids) : E_UNEXPECTED;
-    }
-    HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID, LCID, WORD flags, DISPPARAMS *params, VARIANT *result,
-                                     EXCEPINFO *exception, UINT *argerror) override
-    {
-        ITypeInfo *info = typeInfo<Itf>();
-        return info ? DispInvoke(static_cast<Itf *>(this), info, id, flags, params, result, exception, argerror)
-                    : E_UNEXPECTED;
-    }
-};
-
-// A kit string returned by a kit method as a BSTR; the kit string is freed.
-HRESULT returnString(int32_t status, char *text, BSTR *out)
-{
-    *out = status == VXL_OK ? vxl_com_str2bstr(text) : nullptr;
-    vxl_free(text);
-    if (status == VXL_OK && !*out)
-        status = VXL_ENOMEM;
-    return vxl_com_err2hret(status);
-}
-
+// The methods of ICalculator for both its COM forms: Base is
+// Wrapper<IVxCalculator> ("com") or DispatchWrapper<IVxCalculatorDisp> ("comS").
 template <class Base> class CalculatorWrapper : public Base {
 public:
     using Base::Base;
@@ -142,7 +33,7 @@ public:
         if (!sum)
             return E_POINTER;
         int32_t value = 0;
-        int32_t status = this->template method<vxsample_add_slot>(VXSAMPLE_ADD)(this->pif_, a, b, &value);
+        int32_t status = VXL_METHOD(this->pif_, VXSAMPLE_ADD, vxsample_add_slot)(this->pif_, a, b, &value);
         *sum = value;
         return vxl_com_err2hret(status);
     }
@@ -151,7 +42,7 @@ public:
         if (!result)
             return E_POINTER;
         return vxl_com_err2hret(
-            this->template method<vxsample_scale_slot>(VXSAMPLE_SCALE)(this->pif_, value, factor, result));
+            VXL_METHOD(this->pif_, VXSAMPLE_SCALE, vxsample_scale_slot)(this->pif_, value, factor, result));
     }
     HRESULT STDMETHODCALLTYPE Describe(BSTR label, double value, BSTR *text) override
     {
@@ -160,7 +51,7 @@ public:
         char *kitlabel = vxl_com_bstr2str(label);
         char *kittext = nullptr;
         int32_t status =
-            this->template method<vxsample_describe_slot>(VXSAMPLE_DESCRIBE)(this->pif_, kitlabel, value, &kittext);
+            VXL_METHOD(this->pif_, VXSAMPLE_DESCRIBE, vxsample_describe_slot)(this->pif_, kitlabel, value, &kittext);
         vxl_free(kitlabel);
         return returnString(status, kittext, text);
     }
@@ -224,7 +115,7 @@ public:
         char *kitname = vxl_com_bstr2str(name);
         char *kitgreeting = nullptr;
         int32_t status =
-            this->template method<vxsample_greet_slot>(VXSAMPLE_GREET)(this->pif_, kitname, &kitgreeting);
+            VXL_METHOD(this->pif_, VXSAMPLE_GREET, vxsample_greet_slot)(this->pif_, kitname, &kitgreeting);
         vxl_free(kitname);
         return returnString(status, kitgreeting, greeting);
     }
@@ -233,35 +124,15 @@ public:
         if (!count)
             return E_POINTER;
         int32_t value = 0;
-        int32_t status = this->template method<vxsample_greetings_slot>(VXSAMPLE_GREETINGS)(this->pif_, &value);
+        int32_t status = VXL_METHOD(this->pif_, VXSAMPLE_GREETINGS, vxsample_greetings_slot)(this->pif_, &value);
         *count = value;
         return vxl_com_err2hret(status);
     }
 };
 
-// The wrapper makers the runtime calls; the result is null when no wrapper
-// could be made.
-template <class W> int32_t makeWrapper(vxl_if pif, IUnknown **result)
-{
-    *result = new (std::nothrow) W(pif);
-    return *result ? VXL_OK : VXL_ENOMEM;
-}
+// ---- kit proxies: kit functions that call COM methods ---------------------------------
 
-// ---- kit proxies ---------------------------------------------------------------------
-
-template <class Itf> Itf *comOf(void *impl)
-{
-    return static_cast<Itf *>(impl);
-}
-
-// A BSTR returned by a COM method as a kit string; the BSTR is freed.
-int32_t returnString(HRESULT hr, BSTR text, char **out)
-{
-    *out = SUCCEEDED(hr) ? vxl_com_bstr2str(text) : nullptr;
-    vxl_com_freebstr(text);
-    return vxl_com_hret2err(hr);
-}
-
+// The functions of an ICalculator proxy, for a COM interface Itf of either form.
 template <class Itf> int32_t proxyAdd(void *impl, int32_t a, int32_t b, int32_t *sum)
 {
     LONG value = 0;
@@ -297,24 +168,16 @@ int32_t proxyGreetings(void *impl, int32_t *count)
     return vxl_com_hret2err(hr);
 }
 
-// Proxies are made only by the runtime, around a COM interface; a client
-// that asks for one by class name is refused. The destroy callback runs for
-// the refused object as well, which has no COM interface behind it.
-int32_t refuseCreate(void **, vxl_if)
-{
-    return VXL_EFAIL;
-}
-int32_t destroyProxy(void *pcomif, vxl_if pif)
-{
-    return pcomif ? vxl_com_wrapperdestructor(pcomif, pif) : VXL_OK;
-}
-
+// One function per method of the interface definition, in its order.
 template <class Itf>
 const vxl_fn calculatorProxyFunctions[] = {reinterpret_cast<vxl_fn>(proxyAdd<Itf>),
                                            reinterpret_cast<vxl_fn>(proxyScale<Itf>),
                                            reinterpret_cast<vxl_fn>(proxyDescribe<Itf>)};
 const vxl_fn greeterProxyFunctions[] = {reinterpret_cast<vxl_fn>(proxyGreet),
                                         reinterpret_cast<vxl_fn>(proxyGreetings)};
+static_assert(std::size(calculatorProxyFunctions<IVxCalculator>) == VXSAMPLE_CALCULATOR_METHODS,
+              "one proxy function per method");
+static_assert(std::size(greeterProxyFunctions) == VXSAMPLE_GREETER_METHODS, "one proxy function per method");
 
 template <class Itf>
 const vxl_componentinterface calculatorProxyEntry = {&vxsample_ICalculator, calculatorProxyFunctions<Itf>};
@@ -324,16 +187,16 @@ const vxl_componentinterface *const greeterProxyEntries[] = {&greeterProxyEntry}
 
 // Named "<interface>_<wrapper type>_proxy", as the runtime looks them up.
 const vxl_componentdef calculatorComProxy = {"ICalculator_com_proxy", 1, calculatorProxyEntries<IVxCalculator>,
-                                             refuseCreate, destroyProxy, vxl_com_wrappergetinterface};
+                                             refuseProxyCreate, destroyProxy, vxl_com_wrappergetinterface};
 const vxl_componentdef calculatorComSProxy = {"ICalculator_comS_proxy", 1,
-                                              calculatorProxyEntries<IVxCalculatorDisp>, refuseCreate,
+                                              calculatorProxyEntries<IVxCalculatorDisp>, refuseProxyCreate,
                                               destroyProxy, vxl_com_wrappergetinterface};
-const vxl_componentdef greeterComSProxy = {"IGreeter_comS_proxy", 1, greeterProxyEntries, refuseCreate,
+const vxl_componentdef greeterComSProxy = {"IGreeter_comS_proxy", 1, greeterProxyEntries, refuseProxyCreate,
                                            destroyProxy, vxl_com_wrappergetinterface};
 const vxl_componentdef *const proxyClasses[] = {&calculatorComProxy, &calculatorComSProxy, &greeterComSProxy,
                                                 nullptr};
 
-// ---- COM-side records ----------------------------------------------------------------
+// ---- COM-side records: the forms of each interface and their wrapper makers ----------
 
 const vxl_comifinfo calculatorInfo = {
     "ICalculator",
