@@ -55,8 +55,7 @@ int runProgram(const std::string &commandline, std::string *output)
     si.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
     si.hStdOutput = si.hStdError = file;
     PROCESS_INFORMATION pi = {};
-    std::string cmd = commandline;
-    BOOL started = CreateProcessA(nullptr, &cmd[0], nullptr, nullptr, TRUE, 0, nullptr, nullptr, &si, &pi);
+    bool started = startProcess(commandline, true, &si, &pi);
     CloseHandle(file);
     if (!started)
         return -1;

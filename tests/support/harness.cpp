@@ -92,34 +92,39 @@ std::string childLogAgainstExpected(const char *name, int *exitcode)
     return expected == got && fileExists(log + ".expected") ? "" : "expected:\n" + expected + "got:\n" + got;
 }
 
+bool startProcess(std::string commandline, bool inheritHandles, STARTUPINFOA *si, PROCESS_INFORMATION *pi)
+{
+    // Starting a process can fail for reasons of the host (a busy machine,
+    // Wine's loader short of memory), which is not what any test examines:
+    // a start is tried a few times, and a final failure names the error.
+    DWORD error = 0;
+    for (int attempt = 0; attempt < 5; ++attempt) {
+        if (attempt)
+            Sleep(200 * attempt);
+        if (CreateProcessA(nullptr, &commandline[0], nullptr, nullptr, inheritHandles, 0, nullptr, nullptr, si, pi))
+            return true;
+        error = GetLastError();
+    }
+    fprintf(stderr, "%s: CreateProcessA failed with error %lu\n", commandline.c_str(), error);
+    return false;
+}
+
 int runChild(const char *name, const char *logname, unsigned long timeout)
 {
     char saved[1024];
     DWORD had = GetEnvironmentVariableA("VXLLOGNAME", saved, sizeof saved);
     SetEnvironmentVariableA("VXLLOGNAME", logname);
 
-    // Starting a process can fail for reasons of the host (a busy machine,
-    // Wine's loader short of memory), which is not what any test examines:
-    // a start is tried a few times, and a final failure names the error.
     char path[MAX_PATH];
     std::string cmd = "\"" + std::string(path, GetModuleFileNameA(nullptr, path, sizeof path)) +
                       "\" --vxl-child=" + name;
     STARTUPINFOA si = {};
     si.cb = sizeof si;
     PROCESS_INFORMATION pi = {};
-    BOOL ok = FALSE;
-    DWORD error = 0;
-    for (int attempt = 0; attempt < 5 && !ok; ++attempt) {
-        if (attempt)
-            Sleep(200 * attempt);
-        ok = CreateProcessA(nullptr, &cmd[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi);
-        error = ok ? 0 : GetLastError();
-    }
+    bool ok = startProcess(cmd, false, &si, &pi);
     SetEnvironmentVariableA("VXLLOGNAME", had ? saved : nullptr);
-    if (!ok) {
-        fprintf(stderr, "child %s: CreateProcessA failed with error %lu\n", name, error);
+    if (!ok)
         return -1;
-    }
     DWORD code = kChildTimedOut;
     if (WaitForSingleObject(pi.hProcess, timeout) == WAIT_OBJECT_0) {
         GetExitCodeProcess(pi.hProcess, &code);

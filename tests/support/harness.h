@@ -5,6 +5,9 @@
 #include <functional>
 #include <string>
 
+struct _STARTUPINFOA;
+struct _PROCESS_INFORMATION;
+
 namespace vxltest {
 
 // Path of the trace log this test process writes (set up before any test).
@@ -35,6 +38,9 @@ private:
 // be started, kChildTimedOut when it was stopped after timeout milliseconds.
 // logname is what the child sees in VXLLOGNAME; null leaves it unset.
 constexpr int kChildTimedOut = 0x7ead;
+// CreateProcessA(commandline), tried again a few times when the host
+// refuses to start it; false, with the error on stderr, after the last try.
+bool startProcess(std::string commandline, bool inheritHandles, _STARTUPINFOA *si, _PROCESS_INFORMATION *pi);
 int runChild(const char *name, const char *logname, unsigned long timeout = 0xFFFFFFFF);
 // A child that knows its expected log only at run time (addresses) writes
 // it next to its log; this runs the child and compares the two.
