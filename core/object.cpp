@@ -123,8 +123,9 @@ int32_t decrefWorker(vxl_if self, int32_t last, int32_t i)
         if (status != VXL_OK)
             return status; // the object stays, with count 0
     }
-    InterlockedDecrement(counter(&factory->usecount));
-    vxl_free(blockOf(self, last, i));
+    vxl_threadstate *thread = vxl_thisthread();
+    vxl_adduses(factory, thread, -1);
+    vxl_giveblock(thread, last + 1, blockOf(self, last, i));
     return VXL_OK;
 }
 
@@ -207,9 +208,16 @@ static_assert(sizeof vxl_genericslots == 6 * 24 * sizeof(void *), "6 rows of 24 
 
 vxl_if vxl_newobject(vxl_classfactory *factory, void ***core)
 {
+    return vxl_newobjectwithuse(factory, vxl_thisthread(), false, core);
+}
+
+vxl_if vxl_newobjectwithuse(vxl_classfactory *factory, vxl_threadstate *thread, bool useTaken, void ***core)
+{
     int32_t n = factory->headlength / static_cast<int32_t>(sizeof(void *));
     int64_t bytes = int64_t(factory->headlength) + int64_t(sizeof(vxl_objectcore));
-    auto **block = bytes <= INT32_MAX ? static_cast<void **>(vxl_malloc(static_cast<int32_t>(bytes))) : nullptr;
+    if (n < 1 || n > kMaxInterfaces || bytes > INT32_MAX)
+        return nullptr;
+    auto **block = static_cast<void **>(vxl_takeblock(thread, n, static_cast<int32_t>(bytes)));
     if (!block)
         return nullptr;
     for (int32_t k = 0; k < n; ++k)
@@ -220,7 +228,8 @@ vxl_if vxl_newobject(vxl_classfactory *factory, void ***core)
     objcore->refcount = 1;
     if (core)
         *core = &objcore->impl;
-    InterlockedIncrement(counter(&factory->usecount));
+    if (!useTaken)
+        vxl_adduses(factory, thread, 1);
     vxl_if primary = headSlot(block, n - 1);
     vxl_log("encapsulate = %x\n", VXL_PTR(primary));
     return primary;
