@@ -65,6 +65,17 @@ int32_t vxl_wrap(vxl_if pif, const char *ifname, const char *wtype, IUnknown **r
             identity = nullptr;
     }
     if (identity) {
+        // Already wrapped: found without the wrapper lock.
+        vxl_wraprow found = {};
+        found.pdef = identity;
+        found.ifname = ifname;
+        found.wtype = wtype;
+        if (vxl_wraptable_findunlocked(VXL_BY_OBJECT_AND_NAME, &found, takeComInterface, VXL_WRAPPER_ROW)) {
+            identity->slots->decref(identity);
+            *result = found.pcomif;
+            vxl_log("vxl_wrap() = %x\n", VXL_PTR(found.pcomif));
+            return VXL_OK;
+        }
         vxl_if named = nullptr;
         vxl_wraptable_cross(ifname, wtype, [&](bool second) {
             vxl_wraprow row = {};
