@@ -251,26 +251,47 @@ const vxl_interfacedef *vxl_getinterfacedef(vxl_if pif)
     return vxl_findinterfacedef(name);
 }
 
+namespace {
+
+// The index i of the interface within its object when pif is an interface
+// of a kit object of this runtime (its incref slot tells the generic group,
+// and with it the index that locates the core); -1 for any other interface.
+int32_t genericIndexOf(vxl_if pif)
+{
+    for (int32_t n = 1; n <= kMaxInterfaces; ++n)
+        for (int32_t i = 0; i < n; ++i)
+            if (vxl_genericslots[n - 1][i].incref == pif->slots->incref)
+                return i;
+    return -1;
+}
+
+} // namespace
+
 bool vxl_increfifalive(vxl_if pif)
 {
-    // The incref slot tells the generic group, and with it the index that
-    // locates the core.
-    for (int32_t n = 1; n <= kMaxInterfaces; ++n) {
-        for (int32_t i = 0; i < n; ++i) {
-            if (vxl_genericslots[n - 1][i].incref != pif->slots->incref)
-                continue;
-            volatile LONG *count = counter(&coreOf(pif, i)->refcount);
-            for (LONG seen = *count; seen != 0; seen = *count) {
-                if (InterlockedCompareExchange(count, seen + 1, seen) == seen) {
-                    vxl_log("inccref(%x)\n", VXL_PTR(pif));
-                    return true;
-                }
-            }
-            return false;
+    int32_t i = genericIndexOf(pif);
+    if (i < 0) {
+        pif->slots->incref(pif);
+        return true;
+    }
+    volatile LONG *count = counter(&coreOf(pif, i)->refcount);
+    for (LONG seen = *count; seen != 0; seen = *count) {
+        if (InterlockedCompareExchange(count, seen + 1, seen) == seen) {
+            vxl_log("inccref(%x)\n", VXL_PTR(pif));
+            return true;
         }
     }
-    pif->slots->incref(pif);
-    return true;
+    return false;
+}
+
+vxl_if vxl_quietidentity(vxl_if pif)
+{
+    if (!vxl_traceoff())
+        return nullptr;
+    int32_t i = genericIndexOf(pif);
+    if (i < 0 || coreOf(pif, i)->factory->componentdef->getinterface)
+        return nullptr;
+    return primaryOf(pif, i);
 }
 
 int32_t vxl_decref(vxl_if pif)

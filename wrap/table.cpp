@@ -213,17 +213,14 @@ bool vxl_wraptable_findunlocked(vxl_wrapindex index, vxl_wraprow *row, bool (*ta
     vxl_threadstate *thread = vxl_thisthread();
     if (!g_readers.enter(thread))
         return false;
-    vxl_wraprow found = *row;
-    bool taken = trn_select(g_indexes[index], columns(&found)) == TRN_OK && !isDying(found) &&
-                 vxl_wraptable_kind(found) == kind;
+    bool taken = trn_select(g_indexes[index], columns(row)) == TRN_OK && !isDying(*row) &&
+                 vxl_wraptable_kind(*row) == kind;
     if (taken) {
-        taken = take(found);
+        taken = take(*row);
         if (!taken)
-            markDying(found);
+            markDying(*row);
     }
     g_readers.leave(thread);
-    if (taken)
-        *row = found;
     return taken;
 }
 

@@ -55,8 +55,8 @@ bool vxl_wraptable_find(vxl_wrapindex index, vxl_wraprow *row, bool (*take)(cons
                         int onlyKind = -1);
 // ---- without the wrapper lock ----------------------------------------------------------
 // The first row of the index whose key equals row's, when it is of the kind
-// given and not dying and take(found) answers true: row is filled with it.
-// Anything else (no row, a row of the other kind or dying, a table being
+// given and not dying and take(found) answers true: row is filled with it
+// (and holds anything when the answer is false). Anything else (no row, a row of the other kind or dying, a table being
 // changed) answers false, and the caller looks again with the lock held,
 // where vxl_wraptable_find sees every row. take must only take a reference
 // the runtime can count on: AddRef of a wrapper made by a wrapper maker, or

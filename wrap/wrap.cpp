@@ -59,9 +59,12 @@ int32_t vxl_wrap(vxl_if pif, const char *ifname, const char *wtype, IUnknown **r
     }
     IUnknown *wrapper = nullptr;
     vxl_if identity = nullptr;
+    bool borrowed = false; // identity held by the caller's reference on pif, not by one of ours
     if (ifname && wtype) {
         vxl_wraptable_ensure();
-        if (pif->slots->getinterface(pif, nullptr, &identity) != VXL_OK)
+        identity = vxl_quietidentity(pif);
+        borrowed = identity != nullptr;
+        if (!borrowed && pif->slots->getinterface(pif, nullptr, &identity) != VXL_OK)
             identity = nullptr;
     }
     if (identity) {
@@ -71,7 +74,8 @@ int32_t vxl_wrap(vxl_if pif, const char *ifname, const char *wtype, IUnknown **r
         found.ifname = ifname;
         found.wtype = wtype;
         if (vxl_wraptable_findunlocked(VXL_BY_OBJECT_AND_NAME, &found, takeComInterface, VXL_WRAPPER_ROW)) {
-            identity->slots->decref(identity);
+            if (!borrowed)
+                identity->slots->decref(identity);
             *result = found.pcomif;
             vxl_log("vxl_wrap() = %x\n", VXL_PTR(found.pcomif));
             return VXL_OK;
@@ -110,7 +114,8 @@ int32_t vxl_wrap(vxl_if pif, const char *ifname, const char *wtype, IUnknown **r
         });
         if (named)
             named->slots->decref(named);
-        identity->slots->decref(identity);
+        if (!borrowed)
+            identity->slots->decref(identity);
     }
     *result = wrapper;
     vxl_log("vxl_wrap() = %x\n", VXL_PTR(wrapper));
