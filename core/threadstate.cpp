@@ -3,6 +3,7 @@
 #include "threadstate.h"
 
 #include <atomic>
+#include <new>
 
 std::atomic<DWORD> vxl_threadslot{TLS_OUT_OF_INDEXES};
 
@@ -15,7 +16,7 @@ std::atomic<uint32_t> g_nextstripe{0};
 // For threads that have no state of their own (no TLS slot or no memory to
 // be had, or the thread is ending): stripe 0, nothing cached. Read-only, so
 // any number of threads may share it.
-vxl_threadstate g_shared = {0, 0, {}};
+vxl_threadstate g_shared = {0, 0, {}, nullptr};
 
 void WINAPI threadExit(void *data)
 {
@@ -31,7 +32,7 @@ void WINAPI threadExit(void *data)
             vxl_free(block);
         }
     }
-    vxl_free(state);
+    vxl_free(state->allocation);
 }
 
 BOOL CALLBACK allocSlots(PINIT_ONCE, PVOID, PVOID *)
@@ -55,8 +56,10 @@ vxl_threadstate *vxl_newthreadstate()
     if (slot != TLS_OUT_OF_INDEXES) {
         if (void *existing = TlsGetValue(slot)) {
             state = static_cast<vxl_threadstate *>(existing); // a slot beyond the TEB's own
-        } else if (auto *fresh = static_cast<vxl_threadstate *>(vxl_malloc(sizeof(vxl_threadstate)))) {
-            *fresh = vxl_threadstate{g_nextstripe.fetch_add(1, std::memory_order_relaxed) % kStripes, 0, {}};
+        } else if (void *allocation = vxl_malloc(sizeof(vxl_threadstate) + kCacheLine)) {
+            uintptr_t aligned = (reinterpret_cast<uintptr_t>(allocation) + kCacheLine - 1) & ~uintptr_t(kCacheLine - 1);
+            auto *fresh = new (reinterpret_cast<void *>(aligned)) vxl_threadstate{
+                g_nextstripe.fetch_add(1, std::memory_order_relaxed) % kStripes, 0, {}, allocation};
             // Without the exit callback the blocks could not be given back
             // when the thread ends: such a thread caches none.
             fresh->caching = g_exitslot != FLS_OUT_OF_INDEXES && FlsSetValue(g_exitslot, fresh);

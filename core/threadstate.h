@@ -10,6 +10,8 @@
 //   4       caching       uint32, 0 once the thread's exit cleanup has run
 //   8       blocks[0..5]  freed object blocks of classes with 1..6
 //                         interfaces: { head, count } each, 16 bytes
+//   104     allocation    the block it was carved from (it starts on a
+//                         cache line and fills two)
 //
 // A thread that leaves the runtime (its fiber-local cleanup at thread exit)
 // frees its cached blocks; anything it still does afterwards (a component's
@@ -40,15 +42,20 @@ struct vxl_freeblocks {
     uint32_t count;
 };
 
-struct vxl_threadstate {
+// Each thread's state fills cache lines of its own: two threads' states
+// must not share a line that both write with every object they make.
+struct alignas(kCacheLine) vxl_threadstate {
     uint32_t stripe;
     uint32_t caching;
     vxl_freeblocks blocks[kMaxInterfaces];
+    void *allocation; // the kit-memory block the state was aligned within
 };
 
 static_assert(offsetof(vxl_threadstate, stripe) == 0, "thread state layout");
 static_assert(offsetof(vxl_threadstate, caching) == 4, "thread state layout");
 static_assert(offsetof(vxl_threadstate, blocks) == 8, "thread state layout");
+static_assert(offsetof(vxl_threadstate, allocation) == 104, "thread state layout");
+static_assert(sizeof(vxl_threadstate) == 2 * kCacheLine, "thread state layout");
 static_assert(sizeof(vxl_freeblocks) == 16, "thread state layout");
 
 // The TLS index of the thread state; TLS_OUT_OF_INDEXES until first use.
@@ -77,6 +84,13 @@ inline vxl_threadstate *vxl_thisthread()
     return vxl_newthreadstate();
 }
 
+// Object blocks from the heap carry one cache line of padding behind what
+// the object uses, so whatever the heap puts next starts on a later line:
+// objects of two threads that the heap happened to place side by side
+// would otherwise share a line that both write with every reference they
+// count. (The heap packs small blocks of all threads together.)
+constexpr int32_t kObjectPadding = kCacheLine;
+
 // An object block of the given size for a class with n interfaces: a cached
 // one of this thread, else from kit memory. Null when none can be had.
 inline void *vxl_takeblock(vxl_threadstate *thread, int32_t n, int32_t bytes)
@@ -87,7 +101,7 @@ inline void *vxl_takeblock(vxl_threadstate *thread, int32_t n, int32_t bytes)
         --cache.count;
         return block;
     }
-    return vxl_malloc(bytes);
+    return bytes <= INT32_MAX - kObjectPadding ? vxl_malloc(bytes + kObjectPadding) : nullptr;
 }
 
 // Gives back an object block of a class with n interfaces, whichever thread
