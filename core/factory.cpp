@@ -56,6 +56,7 @@ namespace {
 struct CacheEntry {
     vxl_classfactory factory; // first: the factory's address is the entry's
     uint64_t hash;
+    size_t length; // of the name
     char *name;
 };
 
@@ -82,16 +83,24 @@ void storeState(vxl_classfactory *factory, int32_t state)
 
 // ---- the table ---------------------------------------------------------------------------
 
-CacheEntry *findEntry(const char *name, uint64_t hash)
+// The name's hash and length, worked out once per look-up.
+struct NameKey {
+    const char *name;
+    uint64_t hash;
+    size_t length;
+    explicit NameKey(const char *n) : name(n) { hash = vxl_hashname(n, &length); }
+};
+
+CacheEntry *findEntry(const NameKey &key)
 {
     CacheTable *table = g_table.load(std::memory_order_acquire);
     if (!table)
         return nullptr;
-    for (size_t i = hash & table->mask;; i = (i + 1) & table->mask) {
+    for (size_t i = key.hash & table->mask;; i = (i + 1) & table->mask) {
         CacheEntry *entry = table->slots[i].load(std::memory_order_acquire);
         if (!entry)
             return nullptr;
-        if (entry->hash == hash && vxl_sameName(entry->name, name))
+        if (entry->hash == key.hash && entry->length == key.length && vxl_samebytes(entry->name, key.name, key.length))
             return entry;
     }
 }
@@ -267,8 +276,9 @@ bool buildInto(vxl_classfactory *factory, const vxl_componentdef *def)
 // Builds the factory of a name that has none built, into its entry (made
 // here for a name never built before) and takes the first use. Called with
 // the factory and cache locks held.
-vxl_classfactory *buildFactory(const char *name, uint64_t hash, CacheEntry *entry, vxl_threadstate *thread)
+vxl_classfactory *buildFactory(const NameKey &key, CacheEntry *entry, vxl_threadstate *thread)
 {
+    const char *name = key.name;
     const vxl_componentdef *def = vxl_findcomponentdef(name);
     if (!def) {
         vxl_log("createclassfactory %s = <none>\n", name);
@@ -287,7 +297,7 @@ vxl_classfactory *buildFactory(const char *name, uint64_t hash, CacheEntry *entr
             vxl_free(namecopy);
             return nullptr;
         }
-        *entry = CacheEntry{vxl_classfactory{}, hash, namecopy};
+        *entry = CacheEntry{vxl_classfactory{}, key.hash, key.length, namecopy};
         entry->factory.counts = newCounters();
     }
     vxl_classfactory *factory = &entry->factory;
@@ -323,8 +333,8 @@ vxl_classfactory *acquireFactory(const char *name, vxl_threadstate *thread)
 {
     if (!name)
         return nullptr;
-    uint64_t hash = vxl_hashname(name);
-    if (CacheEntry *entry = findEntry(name, hash))
+    NameKey key(name);
+    if (CacheEntry *entry = findEntry(key))
         if (takeUseUnlocked(&entry->factory, thread))
             return &entry->factory;
 
@@ -334,7 +344,7 @@ vxl_classfactory *acquireFactory(const char *name, vxl_threadstate *thread)
         vxl_lock(VXL_CACHE_LOCK);
         // vxl_inuse holds the factory lock while a factory is closing, so
         // here a factory is either built or freed.
-        CacheEntry *entry = findEntry(name, hash);
+        CacheEntry *entry = findEntry(key);
         if (entry && loadState(&entry->factory) == VXL_FACTORY_BUILT) {
             vxl_adduses(&entry->factory, thread, 1);
             vxl_unlock(VXL_CACHE_LOCK);
@@ -348,7 +358,7 @@ vxl_classfactory *acquireFactory(const char *name, vxl_threadstate *thread)
             vxl_com_loadcomponent(name);
             continue;
         }
-        vxl_classfactory *factory = buildFactory(name, hash, entry, thread);
+        vxl_classfactory *factory = buildFactory(key, entry, thread);
         vxl_unlock(VXL_CACHE_LOCK);
         vxl_unlock(VXL_FACTORY_LOCK);
         return factory;
@@ -382,7 +392,7 @@ vxl_classfactory *vxl_findclassfactory(const char *name, int32_t create)
     if (!name)
         return nullptr;
     vxl_lockguard cacheLock(VXL_CACHE_LOCK);
-    CacheEntry *entry = findEntry(name, vxl_hashname(name));
+    CacheEntry *entry = findEntry(NameKey(name));
     return entry && loadState(&entry->factory) != VXL_FACTORY_FREED ? &entry->factory : nullptr;
 }
 
@@ -460,7 +470,7 @@ int32_t vxl_createinstance(const char *classname, const char *ifname, vxl_if *ou
 {
     if (!out)
         return VXL_EFAIL;
-    vxl_log("vxl_createclassfactory\n");
+    vxl_loghot("vxl_createclassfactory\n");
     vxl_threadstate *thread = vxl_thisthread();
     vxl_classfactory *factory = acquireFactory(classname, thread);
     if (!factory) {

@@ -21,6 +21,11 @@ inline bool vxl_traceoff()
 {
     return vxl_logoff.load(std::memory_order_relaxed);
 }
+// vxl_log for the hot paths (object creation, the generic slots, wrapping
+// what is already wrapped): with tracing off for good not even the call is
+// made. The arguments are then not evaluated; those given here have no
+// effects of their own.
+#define vxl_loghot(...) (vxl_traceoff() ? (void)0 : vxl_log(__VA_ARGS__))
 // Logs "vxl_fatal: <message>\n" and aborts: a broken runtime invariant.
 [[noreturn]] void vxl_fatal(const char *message);
 

@@ -73,7 +73,7 @@ int32_t getinterfaceWorker(vxl_if self, const char *name, vxl_if *out, int32_t l
                 candidate = slot;
         }
         if (!candidate && !callback) {
-            vxl_log("getinterface(%x, %s)\n", VXL_PTR(self), name);
+            vxl_loghot("getinterface(%x, %s)\n", VXL_PTR(self), name);
             return VXL_ENOINTERFACE;
         }
     }
@@ -82,14 +82,14 @@ int32_t getinterfaceWorker(vxl_if self, const char *name, vxl_if *out, int32_t l
         int32_t status = candidate->slots->incref(candidate);
         if (status == VXL_OK)
             *out = candidate;
-        vxl_log("getinterface(%x, %s) = %x\n", VXL_PTR(self), name, VXL_PTR(*out));
+        vxl_loghot("getinterface(%x, %s) = %x\n", VXL_PTR(self), name, VXL_PTR(*out));
         return status;
     }
 
     int32_t status = callback(core->impl, name, out, primaryOf(self, i));
     if (status != VXL_OK)
         *out = nullptr;
-    vxl_log("getinterface(%x, %s) = %x %d\n", VXL_PTR(self), name, VXL_PTR(*out), status);
+    vxl_loghot("getinterface(%x, %s) = %x %d\n", VXL_PTR(self), name, VXL_PTR(*out), status);
     return status;
 }
 
@@ -104,7 +104,7 @@ int32_t getnameWorker(vxl_if self, const char **out, int32_t last, int32_t i)
 
 int32_t increfWorker(vxl_if self, int32_t last, int32_t i)
 {
-    vxl_log("inccref(%x)\n", VXL_PTR(self));
+    vxl_loghot("inccref(%x)\n", VXL_PTR(self));
     InterlockedIncrement(counter(&coreOf(self, i)->refcount));
     return VXL_OK;
 }
@@ -113,7 +113,7 @@ int32_t decrefWorker(vxl_if self, int32_t last, int32_t i)
 {
     vxl_objectcore *core = coreOf(self, i);
     // Read before the decrement; another thread may change it meanwhile.
-    vxl_log("decref(%x) = %d\n", VXL_PTR(self), static_cast<int>(*counter(&core->refcount)));
+    vxl_loghot("decref(%x) = %d\n", VXL_PTR(self), static_cast<int>(*counter(&core->refcount)));
     if (InterlockedDecrement(counter(&core->refcount)) != 0)
         return VXL_OK;
     vxl_classfactory *factory = core->factory;
@@ -231,7 +231,7 @@ vxl_if vxl_newobjectwithuse(vxl_classfactory *factory, vxl_threadstate *thread, 
     if (!useTaken)
         vxl_adduses(factory, thread, 1);
     vxl_if primary = headSlot(block, n - 1);
-    vxl_log("encapsulate = %x\n", VXL_PTR(primary));
+    vxl_loghot("encapsulate = %x\n", VXL_PTR(primary));
     return primary;
 }
 
@@ -277,7 +277,7 @@ bool vxl_increfifalive(vxl_if pif)
     volatile LONG *count = counter(&coreOf(pif, i)->refcount);
     for (LONG seen = *count; seen != 0; seen = *count) {
         if (InterlockedCompareExchange(count, seen + 1, seen) == seen) {
-            vxl_log("inccref(%x)\n", VXL_PTR(pif));
+            vxl_loghot("inccref(%x)\n", VXL_PTR(pif));
             return true;
         }
     }

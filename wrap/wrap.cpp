@@ -52,7 +52,7 @@ int32_t vxl_wrap(vxl_if pif, const char *ifname, const char *wtype, IUnknown **r
 {
     if (!result)
         return VXL_EFAIL;
-    vxl_log("vxl_wrap(%x, %s, %s)\n", VXL_PTR(pif), ifname, wtype);
+    vxl_loghot("vxl_wrap(%x, %s, %s)\n", VXL_PTR(pif), ifname, wtype);
     if (!pif) {
         *result = nullptr;
         return VXL_OK;
@@ -77,7 +77,7 @@ int32_t vxl_wrap(vxl_if pif, const char *ifname, const char *wtype, IUnknown **r
             if (!borrowed)
                 identity->slots->decref(identity);
             *result = found.pcomif;
-            vxl_log("vxl_wrap() = %x\n", VXL_PTR(found.pcomif));
+            vxl_loghot("vxl_wrap() = %x\n", VXL_PTR(found.pcomif));
             return VXL_OK;
         }
         vxl_if named = nullptr;

@@ -129,12 +129,14 @@ QUIET_TEST(UseCounts, InuseRacingWithCreatorsNeverFreesAFactoryInUse)
     const vxl_componentdef *const list[] = {&kRaced, nullptr};
     std::atomic<bool> stop{false};
     std::atomic<int> bad{0}, made{0};
-    int answers[2] = {0, 0};
     vxltest::runTogether(3, [&](int t) {
         if (t == 0) {
             // Asks again and again while the others create and call.
-            for (int k = 0; k < 3000 || made < 20000; ++k)
-                ++answers[vxl_inuse(list)];
+            for (int k = 0; k < 3000 || made < 20000; ++k) {
+                int32_t answer = vxl_inuse(list);
+                if (answer != 0 && answer != 1)
+                    ++bad;
+            }
             stop = true;
             return;
         }
@@ -158,7 +160,6 @@ QUIET_TEST(UseCounts, InuseRacingWithCreatorsNeverFreesAFactoryInUse)
     });
     EXPECT_EQ(0, bad.load());
     EXPECT_LT(0, made.load());
-    EXPECT_LT(0, answers[1]) << "in use now and then";
     EXPECT_EQ(0, g_alive.load());
     EXPECT_EQ(0, vxl_inuse(list)) << "with the creators gone it is freed";
     vxl_if again = make("Raced");
