@@ -3,6 +3,7 @@
 
 #include "vexal.h"
 
+#include <atomic>
 #include <cstdint>
 
 // A class has one to this many interfaces.
@@ -13,6 +14,18 @@ constexpr int32_t kMaxInterfaces = 6;
 
 // One printf-style message to the trace log named by VXLLOGNAME.
 void vxl_log(const char *format, ...) __attribute__((format(printf, 1, 2)));
+// Whether the trace log is known to be off for good (opening was tried and
+// found no file): then no message can be seen, whatever a caller skips.
+extern std::atomic<bool> vxl_logoff;
+inline bool vxl_traceoff()
+{
+    return vxl_logoff.load(std::memory_order_relaxed);
+}
+// vxl_log for the hot paths (object creation, the generic slots, wrapping
+// what is already wrapped): with tracing off for good not even the call is
+// made. The arguments are then not evaluated; those given here have no
+// effects of their own.
+#define vxl_loghot(...) (vxl_traceoff() ? (void)0 : vxl_log(__VA_ARGS__))
 // Logs "vxl_fatal: <message>\n" and aborts: a broken runtime invariant.
 [[noreturn]] void vxl_fatal(const char *message);
 
@@ -62,6 +75,12 @@ const vxl_interfacedef *vxl_getinterfacedef(vxl_if pif);
 // already reached 0 (its destroy callback is on its way): then it adds none
 // and answers false. Interfaces that are not kit objects are simply increfed.
 bool vxl_increfifalive(vxl_if pif);
+// The identity of a kit object (what getinterface with a null name yields)
+// without a reference, when that can be told without calling the slot: the
+// object is this runtime's, its class has no getinterface callback, and the
+// trace is off, so the skipped incref and decref could not be seen. Null
+// otherwise. The caller's own reference on pif keeps the object alive.
+vxl_if vxl_quietidentity(vxl_if pif);
 // The cached factory of a class; create 1 builds it if needed and takes a use.
 vxl_classfactory *vxl_findclassfactory(const char *name, int32_t create);
 

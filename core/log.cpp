@@ -6,27 +6,31 @@
 #include <cstdio>
 #include <cstdlib>
 
+// Tried and found no file: set once, never cleared, so a reader that sees
+// it needs no lock (vxl_traceoff, and the first thing vxl_log checks).
+std::atomic<bool> vxl_logoff{false};
+
 namespace {
 
-// The file pointer is published before the flag, so a reader that sees the
-// flag set and no file knows tracing is off for good and needs no lock.
 std::atomic<FILE *> g_logfile{nullptr};
-std::atomic<int32_t> g_opentried{0};
+bool g_opentried = false; // with the log lock
 
 } // namespace
 
 void vxl_log(const char *format, ...)
 {
     // Hot paths (incref/decref) log every call: with tracing off, stop here.
-    if (g_opentried.load(std::memory_order_acquire) && !g_logfile.load(std::memory_order_relaxed))
+    if (vxl_logoff.load(std::memory_order_relaxed))
         return;
 
     vxl_lockguard guard(VXL_LOG_LOCK);
-    if (!g_opentried.load(std::memory_order_relaxed)) {
+    if (!g_opentried) {
         const char *name = getenv("VXLLOGNAME");
         if (name && *name)
             g_logfile.store(fopen(name, "w"), std::memory_order_relaxed);
-        g_opentried.store(1, std::memory_order_release);
+        g_opentried = true;
+        if (!g_logfile.load(std::memory_order_relaxed))
+            vxl_logoff.store(true, std::memory_order_relaxed);
     }
     FILE *file = g_logfile.load(std::memory_order_relaxed);
     if (!file)

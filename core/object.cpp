@@ -73,7 +73,7 @@ int32_t getinterfaceWorker(vxl_if self, const char *name, vxl_if *out, int32_t l
                 candidate = slot;
         }
         if (!candidate && !callback) {
-            vxl_log("getinterface(%x, %s)\n", VXL_PTR(self), name);
+            vxl_loghot("getinterface(%x, %s)\n", VXL_PTR(self), name);
             return VXL_ENOINTERFACE;
         }
     }
@@ -82,14 +82,14 @@ int32_t getinterfaceWorker(vxl_if self, const char *name, vxl_if *out, int32_t l
         int32_t status = candidate->slots->incref(candidate);
         if (status == VXL_OK)
             *out = candidate;
-        vxl_log("getinterface(%x, %s) = %x\n", VXL_PTR(self), name, VXL_PTR(*out));
+        vxl_loghot("getinterface(%x, %s) = %x\n", VXL_PTR(self), name, VXL_PTR(*out));
         return status;
     }
 
     int32_t status = callback(core->impl, name, out, primaryOf(self, i));
     if (status != VXL_OK)
         *out = nullptr;
-    vxl_log("getinterface(%x, %s) = %x %d\n", VXL_PTR(self), name, VXL_PTR(*out), status);
+    vxl_loghot("getinterface(%x, %s) = %x %d\n", VXL_PTR(self), name, VXL_PTR(*out), status);
     return status;
 }
 
@@ -104,7 +104,7 @@ int32_t getnameWorker(vxl_if self, const char **out, int32_t last, int32_t i)
 
 int32_t increfWorker(vxl_if self, int32_t last, int32_t i)
 {
-    vxl_log("inccref(%x)\n", VXL_PTR(self));
+    vxl_loghot("inccref(%x)\n", VXL_PTR(self));
     InterlockedIncrement(counter(&coreOf(self, i)->refcount));
     return VXL_OK;
 }
@@ -113,7 +113,7 @@ int32_t decrefWorker(vxl_if self, int32_t last, int32_t i)
 {
     vxl_objectcore *core = coreOf(self, i);
     // Read before the decrement; another thread may change it meanwhile.
-    vxl_log("decref(%x) = %d\n", VXL_PTR(self), static_cast<int>(*counter(&core->refcount)));
+    vxl_loghot("decref(%x) = %d\n", VXL_PTR(self), static_cast<int>(*counter(&core->refcount)));
     if (InterlockedDecrement(counter(&core->refcount)) != 0)
         return VXL_OK;
     vxl_classfactory *factory = core->factory;
@@ -123,8 +123,9 @@ int32_t decrefWorker(vxl_if self, int32_t last, int32_t i)
         if (status != VXL_OK)
             return status; // the object stays, with count 0
     }
-    InterlockedDecrement(counter(&factory->usecount));
-    vxl_free(blockOf(self, last, i));
+    vxl_threadstate *thread = vxl_thisthread();
+    vxl_adduses(factory, thread, -1);
+    vxl_giveblock(thread, last + 1, blockOf(self, last, i));
     return VXL_OK;
 }
 
@@ -207,9 +208,16 @@ static_assert(sizeof vxl_genericslots == 6 * 24 * sizeof(void *), "6 rows of 24 
 
 vxl_if vxl_newobject(vxl_classfactory *factory, void ***core)
 {
+    return vxl_newobjectwithuse(factory, vxl_thisthread(), false, core);
+}
+
+vxl_if vxl_newobjectwithuse(vxl_classfactory *factory, vxl_threadstate *thread, bool useTaken, void ***core)
+{
     int32_t n = factory->headlength / static_cast<int32_t>(sizeof(void *));
     int64_t bytes = int64_t(factory->headlength) + int64_t(sizeof(vxl_objectcore));
-    auto **block = bytes <= INT32_MAX ? static_cast<void **>(vxl_malloc(static_cast<int32_t>(bytes))) : nullptr;
+    if (n < 1 || n > kMaxInterfaces || bytes > INT32_MAX)
+        return nullptr;
+    auto **block = static_cast<void **>(vxl_takeblock(thread, n, static_cast<int32_t>(bytes)));
     if (!block)
         return nullptr;
     for (int32_t k = 0; k < n; ++k)
@@ -220,9 +228,10 @@ vxl_if vxl_newobject(vxl_classfactory *factory, void ***core)
     objcore->refcount = 1;
     if (core)
         *core = &objcore->impl;
-    InterlockedIncrement(counter(&factory->usecount));
+    if (!useTaken)
+        vxl_adduses(factory, thread, 1);
     vxl_if primary = headSlot(block, n - 1);
-    vxl_log("encapsulate = %x\n", VXL_PTR(primary));
+    vxl_loghot("encapsulate = %x\n", VXL_PTR(primary));
     return primary;
 }
 
@@ -242,26 +251,47 @@ const vxl_interfacedef *vxl_getinterfacedef(vxl_if pif)
     return vxl_findinterfacedef(name);
 }
 
+namespace {
+
+// The index i of the interface within its object when pif is an interface
+// of a kit object of this runtime (its incref slot tells the generic group,
+// and with it the index that locates the core); -1 for any other interface.
+int32_t genericIndexOf(vxl_if pif)
+{
+    for (int32_t n = 1; n <= kMaxInterfaces; ++n)
+        for (int32_t i = 0; i < n; ++i)
+            if (vxl_genericslots[n - 1][i].incref == pif->slots->incref)
+                return i;
+    return -1;
+}
+
+} // namespace
+
 bool vxl_increfifalive(vxl_if pif)
 {
-    // The incref slot tells the generic group, and with it the index that
-    // locates the core.
-    for (int32_t n = 1; n <= kMaxInterfaces; ++n) {
-        for (int32_t i = 0; i < n; ++i) {
-            if (vxl_genericslots[n - 1][i].incref != pif->slots->incref)
-                continue;
-            volatile LONG *count = counter(&coreOf(pif, i)->refcount);
-            for (LONG seen = *count; seen != 0; seen = *count) {
-                if (InterlockedCompareExchange(count, seen + 1, seen) == seen) {
-                    vxl_log("inccref(%x)\n", VXL_PTR(pif));
-                    return true;
-                }
-            }
-            return false;
+    int32_t i = genericIndexOf(pif);
+    if (i < 0) {
+        pif->slots->incref(pif);
+        return true;
+    }
+    volatile LONG *count = counter(&coreOf(pif, i)->refcount);
+    for (LONG seen = *count; seen != 0; seen = *count) {
+        if (InterlockedCompareExchange(count, seen + 1, seen) == seen) {
+            vxl_loghot("inccref(%x)\n", VXL_PTR(pif));
+            return true;
         }
     }
-    pif->slots->incref(pif);
-    return true;
+    return false;
+}
+
+vxl_if vxl_quietidentity(vxl_if pif)
+{
+    if (!vxl_traceoff())
+        return nullptr;
+    int32_t i = genericIndexOf(pif);
+    if (i < 0 || coreOf(pif, i)->factory->componentdef->getinterface)
+        return nullptr;
+    return primaryOf(pif, i);
 }
 
 int32_t vxl_decref(vxl_if pif)

@@ -8,11 +8,22 @@
 // long as another registration lists it. Everything here runs under the
 // registry lock (recursive, so the lookups nest inside register/unregister).
 //
+// Registrations and cache entries sit in hash tables (by their two list
+// pointers; by kind and name), so a lookup, a registration and an
+// unregistration cost what their own lists hold, not what every library
+// registered. Each entry counts the list entries of live registrations that
+// name it: a registration adds its names, an unregistration takes them back,
+// and an entry whose count falls to 0 leaves the cache. Which entry a name
+// has never depended on the order of the registrations: component names
+// are unique across them, and an interface keeps the copy it was first
+// given while any registration lists it.
+//
 // A lookup hands out its copy after leaving the lock, and its caller may
 // read it while another thread unregisters the last library that lists it.
 // So a copy is never freed: an entry that leaves the cache is kept aside,
 // and serves again when an identical definition is registered, which keeps
 // the memory bounded by the distinct definitions a process ever registers.
+#include "hashtable.h"
 #include "kit.h"
 
 #include <cstring>
@@ -20,7 +31,8 @@
 namespace {
 
 struct Registration {
-    Registration *next;
+    Registration *hashnext;
+    uint64_t hash; // of the two list pointers
     char *libname;
     const vxl_componentdef *const *components;
     const vxl_interfacedef *const *interfaces;
@@ -28,16 +40,21 @@ struct Registration {
 
 enum EntryKind : int32_t { kComponentEntry = 0, kInterfaceEntry = 1 };
 
+// One block: the entry, then its copy of the name.
 struct CacheEntry {
-    CacheEntry *next;
-    char *name;
+    CacheEntry *hashnext;
+    uint64_t hash; // of kind and name
+    const char *name;
     int32_t kind;
+    int32_t listings; // entries of live registrations' lists that name it
+    // The registrant's component record or the interface copy; null while
+    // no copy could be made (the next registration that lists it tries again).
     const void *def;
 };
 
-Registration *g_registrations = nullptr;
-CacheEntry *g_cache = nullptr;
-CacheEntry *g_retired = nullptr; // interface entries no registration lists any more
+vxl_hashtable<Registration> g_registrations;
+vxl_hashtable<CacheEntry> g_cache;
+vxl_hashtable<CacheEntry> g_retired; // interface entries no registration lists any more
 
 // ---- deep copies of interface definitions ----------------------------------
 // Copied arrays get one extra null entry after the last.
@@ -184,87 +201,114 @@ bool sameInterface(const vxl_interfacedef *cached, const vxl_interfacedef *fresh
 
 // ---- the cache ----------------------------------------------------------------
 
-const void *findEntry(int32_t kind, const char *name)
+uint64_t entryHash(int32_t kind, const char *name)
+{
+    return vxl_hashmix(vxl_hashname(name) + static_cast<uint64_t>(kind));
+}
+
+CacheEntry *findEntry(vxl_hashtable<CacheEntry> &table, int32_t kind, const char *name)
+{
+    return table.find(entryHash(kind, name),
+                      [&](const CacheEntry &e) { return e.kind == kind && vxl_sameName(e.name, name); });
+}
+
+const void *findDef(int32_t kind, const char *name)
 {
     vxl_lockguard guard(VXL_REGISTRY_LOCK);
-    for (CacheEntry *entry = g_cache; entry; entry = entry->next)
-        if (entry->kind == kind && vxl_sameName(entry->name, name))
-            return entry->def;
-    return nullptr;
+    CacheEntry *entry = name ? findEntry(g_cache, kind, name) : nullptr;
+    return entry ? entry->def : nullptr;
 }
 
-void addEntry(int32_t kind, const char *name, const void *def)
+CacheEntry *newEntry(int32_t kind, const char *name)
 {
-    auto *entry = static_cast<CacheEntry *>(vxl_malloc(sizeof(CacheEntry)));
-    char *namecopy = vxl_strdup(name);
-    if (!entry || !namecopy || !def) {
-        vxl_free(entry);
-        vxl_free(namecopy);
-        if (kind == kInterfaceEntry)
-            freeInterfaceCopy(static_cast<vxl_interfacedef *>(const_cast<void *>(def)));
-        return;
-    }
-    *entry = CacheEntry{g_cache, namecopy, kind, def};
-    g_cache = entry;
+    size_t length = strlen(name) + 1;
+    if (length > size_t(INT32_MAX) - sizeof(CacheEntry))
+        return nullptr;
+    auto *entry = static_cast<CacheEntry *>(vxl_malloc(static_cast<int32_t>(sizeof(CacheEntry) + length)));
+    if (!entry)
+        return nullptr;
+    char *namecopy = reinterpret_cast<char *>(entry + 1);
+    memcpy(namecopy, name, length);
+    *entry = CacheEntry{nullptr, entryHash(kind, name), namecopy, kind, 0, nullptr};
+    return entry;
 }
 
-// The cache entry of an interface: a kept entry whose copy is identical to
-// the definition, or a new one with a new copy.
-void addInterface(const vxl_interfacedef *def)
+// The copy of an interface: a kept one identical to the definition, or a
+// new one (null when it cannot be made).
+const vxl_interfacedef *interfaceCopy(const vxl_interfacedef *def)
 {
-    for (CacheEntry **link = &g_retired; *link; link = &(*link)->next) {
-        CacheEntry *entry = *link;
-        if (sameInterface(static_cast<const vxl_interfacedef *>(entry->def), def, true)) {
-            *link = entry->next;
-            entry->next = g_cache;
-            g_cache = entry;
+    uint64_t hash = entryHash(kInterfaceEntry, def->name);
+    CacheEntry *kept = g_retired.find(hash, [&](const CacheEntry &e) {
+        return e.def && sameInterface(static_cast<const vxl_interfacedef *>(e.def), def, true);
+    });
+    if (!kept)
+        return copyInterface(def);
+    g_retired.remove(kept);
+    const void *copy = kept->def;
+    vxl_free(kept);
+    return static_cast<const vxl_interfacedef *>(copy);
+}
+
+// Calls f(kind, name, def) for every entry of a registration's two lists.
+template <typename F> void forEachListed(const Registration &reg, F f)
+{
+    for (const vxl_componentdef *const *c = reg.components; *c; ++c)
+        f(kComponentEntry, (*c)->name, static_cast<const void *>(*c));
+    for (const vxl_interfacedef *const *i = reg.interfaces; *i; ++i)
+        f(kInterfaceEntry, (*i)->name, static_cast<const void *>(*i));
+}
+
+// Makes sure every name the registration lists has an entry (new ones still
+// unlisted and without a definition, so lookups do not see them yet). False,
+// with every entry made here taken out again, when kit memory runs out.
+bool makeEntries(const Registration &reg)
+{
+    bool ok = true;
+    forEachListed(reg, [&](int32_t kind, const char *name, const void *) {
+        if (!ok || findEntry(g_cache, kind, name))
             return;
-        }
-    }
-    addEntry(kInterfaceEntry, def->name, copyInterface(def));
+        if (CacheEntry *entry = newEntry(kind, name))
+            g_cache.insert(entry);
+        else
+            ok = false;
+    });
+    if (!ok)
+        forEachListed(reg, [](int32_t kind, const char *name, const void *) {
+            CacheEntry *entry = findEntry(g_cache, kind, name);
+            if (entry && entry->listings == 0) {
+                g_cache.remove(entry);
+                vxl_free(entry);
+            }
+        });
+    return ok;
 }
 
-bool anyRegistrationLists(int32_t kind, const char *name)
+// The registration's names join the cache: the first of duplicates within
+// one list gives the entry its definition.
+void addListings(const Registration &reg)
 {
-    for (Registration *reg = g_registrations; reg; reg = reg->next) {
-        if (kind == kComponentEntry) {
-            for (const vxl_componentdef *const *c = reg->components; *c; ++c)
-                if (vxl_sameName((*c)->name, name))
-                    return true;
-        } else {
-            for (const vxl_interfacedef *const *i = reg->interfaces; *i; ++i)
-                if (vxl_sameName((*i)->name, name))
-                    return true;
-        }
-    }
-    return false;
+    forEachListed(reg, [](int32_t kind, const char *name, const void *def) {
+        CacheEntry *entry = findEntry(g_cache, kind, name);
+        ++entry->listings;
+        if (!entry->def)
+            entry->def = kind == kComponentEntry ? def : interfaceCopy(static_cast<const vxl_interfacedef *>(def));
+    });
 }
 
-void rebuildCache()
+// The registration's names leave the cache; an entry no list names any
+// more goes, an interface copy into the kept ones.
+void dropListings(const Registration &reg)
 {
-    for (Registration *reg = g_registrations; reg; reg = reg->next) {
-        for (const vxl_componentdef *const *c = reg->components; *c; ++c)
-            if (!findEntry(kComponentEntry, (*c)->name))
-                addEntry(kComponentEntry, (*c)->name, *c);
-        for (const vxl_interfacedef *const *i = reg->interfaces; *i; ++i)
-            if (!findEntry(kInterfaceEntry, (*i)->name))
-                addInterface(*i);
-    }
-    for (CacheEntry **link = &g_cache; *link;) {
-        CacheEntry *entry = *link;
-        if (anyRegistrationLists(entry->kind, entry->name)) {
-            link = &entry->next;
-            continue;
-        }
-        *link = entry->next;
-        if (entry->kind == kInterfaceEntry) {
-            entry->next = g_retired;
-            g_retired = entry;
-        } else {
-            vxl_free(entry->name);
+    forEachListed(reg, [](int32_t kind, const char *name, const void *) {
+        CacheEntry *entry = findEntry(g_cache, kind, name);
+        if (!entry || --entry->listings > 0)
+            return;
+        g_cache.remove(entry);
+        if (kind == kInterfaceEntry && entry->def)
+            g_retired.insert(entry);
+        else
             vxl_free(entry);
-        }
-    }
+    });
 }
 
 // A list of count entries that the deep copy can hold (count + 1 pointers
@@ -312,12 +356,12 @@ bool listsAreSound(const char *libname, const vxl_componentdef *const *component
 
 const vxl_componentdef *vxl_findcomponentdef(const char *name)
 {
-    return static_cast<const vxl_componentdef *>(findEntry(kComponentEntry, name));
+    return static_cast<const vxl_componentdef *>(findDef(kComponentEntry, name));
 }
 
 const vxl_interfacedef *vxl_findinterfacedef(const char *name)
 {
-    return static_cast<const vxl_interfacedef *>(findEntry(kInterfaceEntry, name));
+    return static_cast<const vxl_interfacedef *>(findDef(kInterfaceEntry, name));
 }
 
 int32_t vxl_register(const char *libname, const vxl_componentdef *const *components,
@@ -341,9 +385,16 @@ int32_t vxl_register(const char *libname, const vxl_componentdef *const *compone
         vxl_free(namecopy);
         return VXL_ENOMEM;
     }
-    *reg = Registration{g_registrations, namecopy, components, interfaces};
-    g_registrations = reg;
-    rebuildCache();
+    *reg = Registration{nullptr, vxl_hashpointers(components, interfaces), namecopy, components, interfaces};
+    // The entries belong to the registration record: without them nothing
+    // is registered.
+    if (!makeEntries(*reg)) {
+        vxl_free(namecopy);
+        vxl_free(reg);
+        return VXL_ENOMEM;
+    }
+    g_registrations.insert(reg);
+    addListings(*reg);
     return VXL_OK;
 }
 
@@ -351,17 +402,16 @@ int32_t vxl_unregister(const vxl_componentdef *const *components, const vxl_inte
 {
     vxl_log("vxl_unregister:\n");
     vxl_lockguard guard(VXL_REGISTRY_LOCK);
-    for (Registration **link = &g_registrations; *link; link = &(*link)->next) {
-        Registration *reg = *link;
-        if (reg->components != components || reg->interfaces != interfaces)
-            continue;
-        *link = reg->next;
-        vxl_free(reg->libname);
-        vxl_free(reg);
-        rebuildCache();
-        return VXL_OK;
-    }
-    return VXL_EFAIL;
+    Registration *reg = g_registrations.find(vxl_hashpointers(components, interfaces), [&](const Registration &r) {
+        return r.components == components && r.interfaces == interfaces;
+    });
+    if (!reg)
+        return VXL_EFAIL;
+    g_registrations.remove(reg);
+    dropListings(*reg);
+    vxl_free(reg->libname);
+    vxl_free(reg);
+    return VXL_OK;
 }
 
 const vxl_methoddef *vxl_getmethod(const vxl_interfacedef *def, const char *name)

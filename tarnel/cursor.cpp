@@ -6,6 +6,7 @@
 // A closed cursor is never freed: it waits on its table's list of spare
 // cursors, so a handle that was closed still points at a cursor, one whose
 // tag refuses it (until the table hands that cursor out again).
+#include "keys.h"
 #include "store.h"
 
 #include <cstring>

@@ -1,6 +1,7 @@
 // Hash indexes: chained buckets threaded through one entry per row slot, a
 // bucket array that doubles when the rows outnumber the buckets, and the
 // select and delete operations that look a key up.
+#include "keys.h"
 #include "store.h"
 
 #include <algorithm>
@@ -125,9 +126,14 @@ void *trn_createindex(void *handle, const int32_t *indexoptions, const int32_t *
                 std::find(index->keyColumns.begin(), index->keyColumns.end(), column) != index->keyColumns.end())
                 return nullptr;
             index->keyColumns.push_back(column);
+            index->keys.push_back(KeyColumn{column, table->types[size_t(column)] == TRN_COL_STRING});
         }
         if (index->keyColumns.empty())
             return nullptr;
+        // Pointers compare in one instruction: they go first, so a row of
+        // another object is passed over without looking at any text.
+        std::stable_partition(index->keys.begin(), index->keys.end(), [](const KeyColumn &k) { return !k.text; });
+        index->hashTexts = index->keys.front().text;
         index->heads.assign(bucketsFor(table->rowCount), kNone);
         index->entries.resize(table->slotCount);
         table->indexes.reserve(table->indexes.size() + 1);
@@ -151,7 +157,9 @@ int32_t trn_select(void *handle, int64_t *record)
     if (slot == kNone)
         return TRN_ENOTFOUND;
     const Table &table = *index->table;
-    std::memcpy(record, table.row(slot), table.columns() * sizeof(int64_t));
+    const int64_t *row = table.row(slot);
+    for (size_t c = 0; c < table.columns(); ++c)
+        record[c] = row[c];
     return TRN_OK;
 }
 

@@ -29,6 +29,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <vector>
 
 namespace trn {
@@ -86,11 +87,19 @@ struct Table {
     const int64_t *row(uint32_t slot) const { return values.data() + size_t(slot) * columns(); }
 };
 
+// A key column of an index, with its kind looked up once.
+struct KeyColumn {
+    int32_t column;
+    bool text; // a string column, compared by its text
+};
+
 struct Index {
     uint32_t tag = kIndexTag;
     Table *table = nullptr;
     bool uniqueHint = false;
     std::vector<int32_t> keyColumns;
+    std::vector<KeyColumn> keys; // keyColumns with their kinds, pointer columns first
+    bool hashTexts = false;      // the key has no pointer column
     std::vector<uint32_t> heads;
     std::vector<Entry> entries;
 };
@@ -109,13 +118,26 @@ struct Cursor {
 };
 
 // Handle checks: null unless the handle is live and of that kind.
-Table *asTable(void *handle);
-Index *asIndex(void *handle);
-Cursor *asCursor(void *handle);
+inline uint32_t tagOf(void *handle)
+{
+    uint32_t tag;
+    std::memcpy(&tag, handle, sizeof tag);
+    return tag;
+}
+inline Table *asTable(void *handle)
+{
+    return handle && tagOf(handle) == kTableTag ? static_cast<Table *>(handle) : nullptr;
+}
+inline Index *asIndex(void *handle)
+{
+    return handle && tagOf(handle) == kIndexTag ? static_cast<Index *>(handle) : nullptr;
+}
+inline Cursor *asCursor(void *handle)
+{
+    return handle && tagOf(handle) == kCursorTag ? static_cast<Cursor *>(handle) : nullptr;
+}
 
-// Keys (keys.cpp). Records and rows are arrays of the table's columns.
-uint64_t hashKey(const Index &index, const int64_t *record);
-bool sameKey(const Index &index, const int64_t *a, const int64_t *b);
+// Keys: keys.h. Records and rows are arrays of the table's columns.
 
 // Index upkeep (hashindex.cpp). The two that may throw std::bad_alloc do so
 // before anything changes.

@@ -21,29 +21,7 @@ namespace {
 std::atomic<int64_t> g_tablesMade{0};
 std::atomic<int64_t> g_rowsLive{0};
 
-uint32_t tagOf(void *handle)
-{
-    uint32_t tag;
-    std::memcpy(&tag, handle, sizeof tag);
-    return tag;
-}
-
 } // namespace
-
-Table *asTable(void *handle)
-{
-    return handle && tagOf(handle) == kTableTag ? static_cast<Table *>(handle) : nullptr;
-}
-
-Index *asIndex(void *handle)
-{
-    return handle && tagOf(handle) == kIndexTag ? static_cast<Index *>(handle) : nullptr;
-}
-
-Cursor *asCursor(void *handle)
-{
-    return handle && tagOf(handle) == kCursorTag ? static_cast<Cursor *>(handle) : nullptr;
-}
 
 void removeRow(Table &table, uint32_t slot)
 {

@@ -20,6 +20,17 @@
 // wrapper lock. A dying row stays in the table for that release to find by
 // pair, and every other lookup passes over it.
 //
+// Finding a row that is already there must not queue on the wrapper lock:
+// vxl_wrap of an object already wrapped and vxl_unwrap of an object already
+// unwrapped first look through a read gate (core/readgate.h) instead. Every
+// change of the table (insert, delete) is made with the wrapper lock held
+// and the gate closed, so a reader inside the gate sees tarnel's indexes
+// standing still; tarnel's select only reads, so readers may select side
+// by side. Inside the gate a reader does nothing but select and take its
+// reference (AddRef of a wrapper made by a wrapper maker, or the runtime's
+// own incref of a kit proxy), so a closed gate never waits long. The dying
+// mark is the one byte readers write; it is read and written atomically.
+//
 // Rows are made under the wrapper lock by vxl_wrap and vxl_unwrap, which
 // look before they insert. A crossing that comes back into the bridge, or
 // one that lets the lock go to load a library, can still insert a second
@@ -28,6 +39,8 @@
 #include "table.h"
 
 #include "tarnel.h"
+
+#include "core/readgate.h"
 
 #include <atomic>
 #include <cstddef>
@@ -47,6 +60,7 @@ void *g_table = nullptr;
 void *g_indexes[VXL_WRAP_INDEX_COUNT];
 std::atomic<bool> g_tableready{false};
 thread_local int g_lockdepth = 0; // holds of the wrapper lock by this thread
+vxl_readgate g_readers;
 
 const int32_t kTableOptions[] = {TRN_TABLE_OPTION0, TRN_TABLE_OPTION1};
 const int64_t kColumns[] = {TRN_COL_POINTER, TRN_COL_POINTER, TRN_COL_POINTER, TRN_COL_POINTER,
@@ -80,6 +94,25 @@ uint8_t *rowBytes(const vxl_wraprow &row)
 {
     return reinterpret_cast<uint8_t *>(const_cast<char *>(row.ifname)) - kRowBytes;
 }
+
+bool isDying(const vxl_wraprow &row)
+{
+    return __atomic_load_n(&rowBytes(row)[kDyingByte], __ATOMIC_RELAXED) != 0;
+}
+
+void markDying(const vxl_wraprow &row)
+{
+    __atomic_store_n(&rowBytes(row)[kDyingByte], uint8_t(1), __ATOMIC_RELAXED);
+}
+
+// Holds the read gate closed for a scope (with the wrapper lock held).
+class ChangingTable {
+public:
+    ChangingTable() { g_readers.close(); }
+    ~ChangingTable() { g_readers.open(); }
+    ChangingTable(const ChangingTable &) = delete;
+    ChangingTable &operator=(const ChangingTable &) = delete;
+};
 
 // Points the row's string columns at the runtime's copies; false when no
 // kit memory holds them.
@@ -160,16 +193,34 @@ bool vxl_wraptable_find(vxl_wrapindex index, vxl_wraprow *row, bool (*take)(cons
     vxl_wraprow found;
     bool taken = false;
     while (!taken && trn_fetch(cursor, columns(&found)) == TRN_OK) {
-        uint8_t *bytes = rowBytes(found);
-        if (bytes[kDyingByte] || (onlyKind >= 0 && bytes[kKindByte] != onlyKind))
+        if (isDying(found) || (onlyKind >= 0 && vxl_wraptable_kind(found) != onlyKind))
             continue;
         taken = take(found);
         if (!taken)
-            bytes[kDyingByte] = 1;
+            markDying(found);
     }
     trn_closecursor(cursor);
     if (taken)
         *row = found;
+    return taken;
+}
+
+bool vxl_wraptable_findunlocked(vxl_wrapindex index, vxl_wraprow *row, bool (*take)(const vxl_wraprow &found),
+                                vxl_rowkind kind)
+{
+    if (!g_tableready.load(std::memory_order_acquire))
+        return false;
+    vxl_threadstate *thread = vxl_thisthread();
+    if (!g_readers.enter(thread))
+        return false;
+    bool taken = trn_select(g_indexes[index], columns(row)) == TRN_OK && !isDying(*row) &&
+                 vxl_wraptable_kind(*row) == kind;
+    if (taken) {
+        taken = take(*row);
+        if (!taken)
+            markDying(*row);
+    }
+    g_readers.leave(thread);
     return taken;
 }
 
@@ -181,7 +232,11 @@ vxl_rowkind vxl_wraptable_kind(const vxl_wraprow &row)
 void vxl_wraptable_insert(const vxl_wraprow &row, vxl_rowkind kind)
 {
     vxl_wraprow stored = row;
-    int32_t status = copyStrings(&stored, kind) ? trn_insert(g_table, columns(&stored)) : TRN_ENOMEM;
+    int32_t status = TRN_ENOMEM;
+    if (copyStrings(&stored, kind)) {
+        ChangingTable change;
+        status = trn_insert(g_table, columns(&stored));
+    }
     vxl_log("trn_insert: piunk = %x, pcomif = %x, pdef = %x, pif = %x, ifname = %s, wtype = %s\n",
             VXL_PTR(row.piunk), VXL_PTR(row.pcomif), VXL_PTR(row.pdef), VXL_PTR(row.pif), row.ifname, row.wtype);
     if (status != TRN_OK)
@@ -211,6 +266,7 @@ void vxl_wraptable_end(IUnknown *pcomif, vxl_if pif, vxl_rowkind kind)
     bool removed;
     {
         vxl_wraplock lock;
+        ChangingTable change;
         removed = trn_select(g_indexes[VXL_BY_PAIR], columns(&row)) == TRN_OK &&
                   trn_delete(g_indexes[VXL_BY_PAIR], columns(&row)) == TRN_OK;
     }

@@ -53,6 +53,18 @@ public:
 // over. False when there is no such row.
 bool vxl_wraptable_find(vxl_wrapindex index, vxl_wraprow *row, bool (*take)(const vxl_wraprow &found),
                         int onlyKind = -1);
+// ---- without the wrapper lock ----------------------------------------------------------
+// The first row of the index whose key equals row's, when it is of the kind
+// given and not dying and take(found) answers true: row is filled with it
+// (and holds anything when the answer is false). Anything else (no row, a row of the other kind or dying, a table being
+// changed) answers false, and the caller looks again with the lock held,
+// where vxl_wraptable_find sees every row. take must only take a reference
+// the runtime can count on: AddRef of a wrapper made by a wrapper maker, or
+// the runtime's own incref of a kit proxy.
+bool vxl_wraptable_findunlocked(vxl_wrapindex index, vxl_wraprow *row, bool (*take)(const vxl_wraprow &found),
+                                vxl_rowkind kind);
+
+// ---- with the wrapper lock held ----------------------------------------------------------
 // Inserts row with its own copies of ifname and wtype, writing the trace
 // line; fatal when the table refuses.
 void vxl_wraptable_insert(const vxl_wraprow &row, vxl_rowkind kind);

@@ -82,6 +82,16 @@ int32_t vxl_unwrap(IUnknown *pcom, const char *ifname, const char *wtype, vxl_if
             identity = nullptr;
     }
     if (identity) {
+        // Already unwrapped: found without the wrapper lock.
+        vxl_wraprow found = {};
+        found.piunk = identity;
+        found.ifname = ifname;
+        found.wtype = wtype;
+        if (vxl_wraptable_findunlocked(VXL_BY_IDENTITY_AND_NAME, &found, takeKitInterface, VXL_PROXY_ROW)) {
+            identity->Release();
+            *result = found.pif;
+            return VXL_OK;
+        }
         IUnknown *itf = nullptr;
         auto find = [&](int onlyKind) {
             vxl_wraprow row = {};

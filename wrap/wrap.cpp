@@ -52,19 +52,34 @@ int32_t vxl_wrap(vxl_if pif, const char *ifname, const char *wtype, IUnknown **r
 {
     if (!result)
         return VXL_EFAIL;
-    vxl_log("vxl_wrap(%x, %s, %s)\n", VXL_PTR(pif), ifname, wtype);
+    vxl_loghot("vxl_wrap(%x, %s, %s)\n", VXL_PTR(pif), ifname, wtype);
     if (!pif) {
         *result = nullptr;
         return VXL_OK;
     }
     IUnknown *wrapper = nullptr;
     vxl_if identity = nullptr;
+    bool borrowed = false; // identity held by the caller's reference on pif, not by one of ours
     if (ifname && wtype) {
         vxl_wraptable_ensure();
-        if (pif->slots->getinterface(pif, nullptr, &identity) != VXL_OK)
+        identity = vxl_quietidentity(pif);
+        borrowed = identity != nullptr;
+        if (!borrowed && pif->slots->getinterface(pif, nullptr, &identity) != VXL_OK)
             identity = nullptr;
     }
     if (identity) {
+        // Already wrapped: found without the wrapper lock.
+        vxl_wraprow found = {};
+        found.pdef = identity;
+        found.ifname = ifname;
+        found.wtype = wtype;
+        if (vxl_wraptable_findunlocked(VXL_BY_OBJECT_AND_NAME, &found, takeComInterface, VXL_WRAPPER_ROW)) {
+            if (!borrowed)
+                identity->slots->decref(identity);
+            *result = found.pcomif;
+            vxl_loghot("vxl_wrap() = %x\n", VXL_PTR(found.pcomif));
+            return VXL_OK;
+        }
         vxl_if named = nullptr;
         vxl_wraptable_cross(ifname, wtype, [&](bool second) {
             vxl_wraprow row = {};
@@ -99,7 +114,8 @@ int32_t vxl_wrap(vxl_if pif, const char *ifname, const char *wtype, IUnknown **r
         });
         if (named)
             named->slots->decref(named);
-        identity->slots->decref(identity);
+        if (!borrowed)
+            identity->slots->decref(identity);
     }
     *result = wrapper;
     vxl_log("vxl_wrap() = %x\n", VXL_PTR(wrapper));
