@@ -19,6 +19,7 @@
 #include "comserver/comserver.h"
 #include "core/kit.h"
 #include "vexal.h"
+#include "wrapperbase.h"
 
 #include <windows.h>
 
@@ -281,24 +282,9 @@ int32_t thingCreate(void **implslot, vxl_if)
     return VXL_OK;
 }
 
-class ThingWrapper final : public IBenchThing {
+class ThingWrapper final : public Wrapper<IBenchThing> {
 public:
-    explicit ThingWrapper(vxl_if pif) : pif_(pif) { pif_->slots->incref(pif_); }
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void **out) override
-    {
-        return vxl_com_wrapperqueryinterface(iid, out, this, pif_);
-    }
-    ULONG STDMETHODCALLTYPE AddRef() override { return InterlockedIncrement(&refs_); }
-    ULONG STDMETHODCALLTYPE Release() override
-    {
-        LONG left = InterlockedDecrement(&refs_);
-        if (left == 0) {
-            vxl_com_releasewrapper(this, pif_);
-            pif_->slots->decref(pif_);
-            delete this;
-        }
-        return left;
-    }
+    using Wrapper::Wrapper;
     HRESULT STDMETHODCALLTYPE Get(LONG *value) override
     {
         int32_t v = 0;
@@ -306,10 +292,6 @@ public:
         *value = v;
         return vxl_com_err2hret(status);
     }
-
-private:
-    vxl_if pif_;
-    LONG refs_ = 1;
 };
 
 int32_t makeThingWrapper(vxl_if pif, IUnknown **result)

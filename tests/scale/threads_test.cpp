@@ -8,6 +8,7 @@
 #include "core/readgate.h"
 #include "core/threadstate.h"
 #include "quiet.h"
+#include "wrapperbase.h"
 
 #include <atomic>
 #include <set>
@@ -278,29 +279,10 @@ namespace {
 
 const IID IID_IHot = {0x7a11c0de, 0x0013, 0x4000, {0x80, 0x13, 0, 0, 0, 0, 0, 0x01}};
 
-class HotWrapper final : public IUnknown {
+class HotWrapper final : public Wrapper<IUnknown> {
 public:
-    explicit HotWrapper(vxl_if pif) : pif_(pif) { pif_->slots->incref(pif_); }
-    HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void **out) override
-    {
-        return vxl_com_wrapperqueryinterface(iid, out, this, pif_);
-    }
-    ULONG STDMETHODCALLTYPE AddRef() override { return InterlockedIncrement(&refs_); }
-    ULONG STDMETHODCALLTYPE Release() override
-    {
-        LONG left = InterlockedDecrement(&refs_);
-        if (left == 0) {
-            vxl_com_releasewrapper(this, pif_);
-            pif_->slots->decref(pif_);
-            delete this;
-        }
-        return left;
-    }
+    using Wrapper::Wrapper;
     vxl_if pif() const { return pif_; }
-
-private:
-    vxl_if pif_;
-    LONG refs_ = 1;
 };
 
 int32_t makeHotWrapper(vxl_if pif, IUnknown **result)
