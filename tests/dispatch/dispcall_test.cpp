@@ -119,10 +119,10 @@ TEST_F(DispCall, OneOutValueByDeclaredTypeOrDirectlyByItsOwnTag)
         {VXL_TYPE_DOUBLE, VT_R4, 0x40200000, 0x4004000000000000, 0xdeadbeef40200000},
         {VXL_TYPE_DOUBLE, VT_R8, 0x4004000000000000, 0x4004000000000000, 0x4004000000000000},
         {VXL_TYPE_DOUBLE, VT_I4, 9, kUnwritten, 0xdeadbeef00000009},
-        {VXL_TYPE_STRING, VT_BSTR, 0, kTaken, kTaken},
-        {VXL_TYPE_STRING, VT_I4, 9, kUnwritten, 0xdeadbeef00000009},
         {VXL_TYPE_INTERFACE, VT_DISPATCH, 0, kTaken, kTaken},
         {VXL_TYPE_INTERFACE, VT_UNKNOWN, 0, kUnwritten, kTaken},
+        {VXL_TYPE_STRING, VT_BSTR, 0, kTaken, kTaken},
+        {VXL_TYPE_STRING, VT_I4, 9, kUnwritten, 0xdeadbeef00000009},
     };
     for (const auto &c : cases)
         for (bool direct : {false, true}) {
@@ -148,7 +148,7 @@ TEST_F(DispCall, OneOutValueByDeclaredTypeOrDirectlyByItsOwnTag)
                 EXPECT_STREQ(L"text", got.b);
                 SysFreeString(got.b);
             } else {
-                EXPECT_TRUE(got.p == &object && object.refs == 2);
+                ASSERT_TRUE(got.p == &object && object.refs == 2); // not on to a BSTR whose owner is unclear
                 got.p->Release();
             }
         }
