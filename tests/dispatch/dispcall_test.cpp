@@ -1,51 +1,16 @@
-// Dispatch calls and direct dispatch calls: what the callee receives, what
-// comes back into the caller's variables, who owns what afterwards. The
-// callee is a recording fake where exact DISPPARAMS matter, and oleaut32's
-// standard dispatch or Wine's Scripting.Dictionary where a real Automation
-// object must understand the call.
+// Dispatch calls, direct dispatch calls and combined values against a
+// recording callee: what it receives, what comes back into the caller's
+// variables, who owns what afterwards.
 #include "dispatchfakes.h"
-#include "dispatchtest.h"
-
-#include <gtest/gtest.h>
-
-#include <cstring>
-#include <initializer_list>
-#include <vector>
+#include "counters.h"
 
 using namespace dispatchtest;
 
 namespace {
 
-// A combined value as a callee returns it: a SAFEARRAY of these VARIANTs.
-SAFEARRAY *combined(std::initializer_list<VARIANT> values)
-{
-    SAFEARRAY *array = SafeArrayCreateVector(VT_VARIANT, 0, static_cast<ULONG>(values.size()));
-    LONG i = 0;
-    for (VARIANT v : values) {
-        SafeArrayPutElement(array, &i, &v);
-        VariantClear(&v);
-        ++i;
-    }
-    return array;
-}
-VARIANT i4(int32_t value)
-{
-    VARIANT v;
-    V_VT(&v) = VT_I4;
-    V_I4(&v) = value;
-    return v;
-}
-VARIANT bstr(const wchar_t *text)
-{
-    VARIANT v;
-    V_VT(&v) = VT_BSTR;
-    V_BSTR(&v) = SysAllocString(text);
-    return v;
-}
-
 constexpr uint64_t kUnwritten = 0xdeadbeefdeadbeefull;
-union Out {
-    uint64_t raw;
+union Out { // a caller's out variable of any type, unwritten until a call writes it
+    uint64_t raw = kUnwritten;
     int32_t i;
     float f;
     double d;
@@ -56,378 +21,246 @@ union Out {
 
 class DispCall : public testing::Test {
 protected:
-    void SetUp() override
+    DispCall() { callee.names[L"f"] = 9; }
+    void answer(VARIANT v) { VariantClear(&callee.answer), callee.answer = v; }
+    void answer(SAFEARRAY *values, VARTYPE tag = VT_VARIANT)
     {
-        CoInitialize(nullptr);
-        callee.names[L"f"] = 9;
+        answer(VARIANT{});
+        V_VT(&callee.answer) = VT_ARRAY | tag, V_ARRAY(&callee.answer) = values;
     }
-    void TearDown() override { CoUninitialize(); }
     Recorder callee;
 };
 
-TEST_F(DispCall, ArgumentsGoLastFirstWithTheirTagsAndStayTheCallers)
+TEST_F(DispCall, InArgumentsGoLastFirstWithTheirTagsAndNoLengths)
 {
     Def def("f", {in(VXL_TYPE_INT), in(VXL_TYPE_DOUBLE), in(VXL_TYPE_STRING), in(VXL_TYPE_FLOAT),
-                  in(VXL_TYPE_INTERFACE)});
+                  in(VXL_TYPE_INTERFACE), in(VXL_TYPE_INT, ~6), in(VXL_TYPE_INT)});
     BSTR text = SysAllocString(L"c");
-    Recorder arg;
-    ASSERT_EQ(S_OK, vxl_com_dispcall(&callee, &def.method, 7, 2.5, text, 1.5f, static_cast<IDispatch *>(&arg)));
-    ASSERT_EQ(1u, callee.calls.size());
-    const Recorder::Call &call = callee.calls[0];
-    EXPECT_EQ(9, call.dispid);
-    ASSERT_EQ(5u, call.cArgs);
-    EXPECT_EQ(VT_DISPATCH, V_VT(&call.args[0]));
-    EXPECT_EQ(&arg, call.raw[0]);
-    EXPECT_EQ(VT_R4, V_VT(&call.args[1]));
-    EXPECT_EQ(1.5f, V_R4(&call.args[1]));
-    EXPECT_EQ(VT_BSTR, V_VT(&call.args[2]));
-    EXPECT_EQ(text, call.raw[2]); // the caller's BSTR itself
-    EXPECT_EQ(VT_R8, V_VT(&call.args[3]));
-    EXPECT_EQ(2.5, V_R8(&call.args[3]));
-    EXPECT_EQ(VT_I4, V_VT(&call.args[4]));
-    EXPECT_EQ(7, V_I4(&call.args[4]));
-    EXPECT_EQ(2, arg.refs); // one taken by the recorder's copy, none by the call
-    EXPECT_EQ(1u, SysStringLen(text));
-    SysFreeString(text);
-    callee.forget();
-}
-
-TEST_F(DispCall, NoParametersMeansNoArgumentArray)
-{
-    Def def("f", {});
-    VariantClear(&callee.answer);
-    callee.answer = bstr(L"discarded");
-    EXPECT_EQ(S_OK, vxl_com_dispcall(&callee, &def.method));
-    ASSERT_EQ(1u, callee.calls.size());
-    EXPECT_EQ(0u, callee.calls[0].cArgs);
-    EXPECT_FALSE(callee.calls[0].hadArgArray);
-}
-
-TEST_F(DispCall, LengthParametersAreNeitherPassedNorRead)
-{
     SAFEARRAY *values = SafeArrayCreateVector(VT_VARIANT, 0, 3);
-    Def def("f", {in(VXL_TYPE_INT, ~1), in(VXL_TYPE_INT), in(VXL_TYPE_INT)});
-    ASSERT_EQ(S_OK, vxl_com_dispcall(&callee, &def.method, &values, 5));
-    ASSERT_EQ(2u, callee.calls[0].cArgs);
-    EXPECT_EQ(VT_I4, V_VT(&callee.calls[0].args[0]));
-    EXPECT_EQ(5, V_I4(&callee.calls[0].args[0]));
-    EXPECT_EQ(VT_ARRAY | VT_VARIANT, V_VT(&callee.calls[0].args[1]));
-    EXPECT_EQ(values, callee.calls[0].raw[1]);
-    SafeArrayDestroy(values);
+    Recorder arg;
+    IDispatch *object = &arg;
+    ASSERT_EQ(S_OK, vxl_com_dispcall(&callee, &def.method, 7, 2.5, text, 1.5f, object, &values));
+    const Recorder::Call &call = callee.calls.at(0);
+    ASSERT_EQ(6u, call.args.size());
+    const VARIANT *a = call.args.data();
+    EXPECT_EQ(9, call.dispid);
+    EXPECT_TRUE(V_VT(&a[0]) == (VT_ARRAY | VT_VARIANT) && V_ARRAY(&a[0]) == values);
+    EXPECT_TRUE(V_VT(&a[1]) == VT_DISPATCH && V_DISPATCH(&a[1]) == &arg);
+    EXPECT_TRUE(V_VT(&a[2]) == VT_R4 && V_R4(&a[2]) == 1.5f);
+    EXPECT_TRUE(V_VT(&a[3]) == VT_BSTR && V_BSTR(&a[3]) == text); // the caller's BSTR itself
+    EXPECT_TRUE(V_VT(&a[4]) == VT_R8 && V_R8(&a[4]) == 2.5);
+    EXPECT_TRUE(V_VT(&a[5]) == VT_I4 && V_I4(&a[5]) == 7);
+    EXPECT_EQ(1, arg.refs); // the caller's, untouched
 
-    // An out array with an out length: two out values, so the result is a
-    // combined value whose element 0 is the array.
-    VARIANT inner;
-    V_VT(&inner) = VT_ARRAY | VT_VARIANT;
-    V_ARRAY(&inner) = SafeArrayCreateVector(VT_VARIANT, 0, 4);
-    V_VT(&callee.answer) = VT_ARRAY | VT_VARIANT;
-    V_ARRAY(&callee.answer) = combined({inner, i4(4)});
-    Def outs("f", {out(VXL_TYPE_DOUBLE, ~1), out(VXL_TYPE_INT)});
-    SAFEARRAY *got = nullptr;
-    ASSERT_EQ(S_OK, vxl_com_dispcall(&callee, &outs.method, &got));
-    ASSERT_NE(nullptr, got);
-    EXPECT_EQ(4u, got->rgsabound[0].cElements);
-    SafeArrayDestroy(got);
+    // The direct form gives its in arguments up to the call.
+    arg.AddRef();
+    ASSERT_EQ(S_OK, vxl_com_directdispcall(&callee, &def.method, 7, 2.5, text, 1.5f, object, &values));
+    EXPECT_EQ(1, arg.refs);
 }
 
-TEST_F(DispCall, InOutParametersReferToTheCallersVariable)
+TEST_F(DispCall, RefusedCallsReadNoArgumentAndWriteNothing)
 {
-    callee.act = [](DISPPARAMS *params) {
-        VARIANT *target = V_VARIANTREF(&params->rgvarg[0]);
-        if (V_VT(target) == (VT_BYREF | VT_I4)) {
-            *V_I4REF(target) += 32;
-        } else {
-            VariantClear(target);
-            V_VT(target) = VT_I4;
-            V_I4(target) = 3;
-        }
-    };
-    Def def("f", {inout(VXL_TYPE_INT)});
-    int32_t value = 10;
-    ASSERT_EQ(S_OK, vxl_com_dispcall(&callee, &def.method, &value));
-    EXPECT_EQ(42, value);
-    EXPECT_EQ(VT_BYREF | VT_VARIANT, V_VT(&callee.calls[0].args[0]));
-    EXPECT_EQ(VT_BYREF | VT_I4, callee.calls[0].innerTags[0]);
-    EXPECT_EQ(&value, callee.calls[0].innerRefs[0]);
-
-    // The direct form hands over the caller's own VARIANT.
-    VARIANT mine;
-    V_VT(&mine) = VT_BSTR;
-    V_BSTR(&mine) = SysAllocString(L"before");
-    ASSERT_EQ(S_OK, vxl_com_directdispcall(&callee, &def.method, &mine));
-    EXPECT_EQ(&mine, callee.calls[1].raw[0]);
-    EXPECT_EQ(VT_I4, V_VT(&mine));
-    EXPECT_EQ(3, V_I4(&mine));
-}
-
-TEST_F(DispCall, OneOutValueIsStoredOnlyFromATagItsTypeAccepts)
-{
-    static const struct {
-        int32_t type;
-        VARTYPE tag;
-        double value;
-        bool written;
-    } cases[] = {
-        {VXL_TYPE_INT, VT_I2, -1, true},    {VXL_TYPE_INT, VT_I4, 7, true},
-        {VXL_TYPE_INT, VT_R8, 7, false},    {VXL_TYPE_FLOAT, VT_R4, 1.5, true},
-        {VXL_TYPE_FLOAT, VT_R8, 1.5, false}, {VXL_TYPE_DOUBLE, VT_R4, 1.5, true},
-        {VXL_TYPE_DOUBLE, VT_R8, 2.25, true}, {VXL_TYPE_DOUBLE, VT_I4, 2, false},
-        {VXL_TYPE_STRING, VT_BSTR, 0, true}, {VXL_TYPE_STRING, VT_I4, 0, false},
-        {VXL_TYPE_INTERFACE, VT_DISPATCH, 0, true}, {VXL_TYPE_INTERFACE, VT_UNKNOWN, 0, false},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(testing::Message() << "type " << c.type << " tag " << c.tag);
-        Recorder answerObject;
-        VariantClear(&callee.answer);
-        V_VT(&callee.answer) = c.tag;
-        switch (c.tag) {
-        case VT_I2: V_I2(&callee.answer) = static_cast<SHORT>(c.value); break;
-        case VT_I4: V_I4(&callee.answer) = static_cast<LONG>(c.value); break;
-        case VT_R4: V_R4(&callee.answer) = static_cast<float>(c.value); break;
-        case VT_R8: V_R8(&callee.answer) = c.value; break;
-        case VT_BSTR: V_BSTR(&callee.answer) = SysAllocString(L"text"); break;
-        default: V_DISPATCH(&callee.answer) = &answerObject; answerObject.AddRef(); break;
-        }
-        Def def("f", {out(c.type)});
-        Out got;
-        got.raw = kUnwritten;
-        ASSERT_EQ(S_OK, vxl_com_dispcall(&callee, &def.method, &got));
-        VariantClear(&callee.answer);
-        if (!c.written) {
-            EXPECT_EQ(kUnwritten, got.raw);
-            EXPECT_EQ(1, answerObject.refs); // the refused result was cleared
-            continue;
-        }
-        switch (c.type) {
-        case VXL_TYPE_INT: EXPECT_EQ(static_cast<int32_t>(c.value), got.i); break;
-        case VXL_TYPE_FLOAT: EXPECT_EQ(static_cast<float>(c.value), got.f); break;
-        case VXL_TYPE_DOUBLE: EXPECT_EQ(c.value, got.d); break;
-        case VXL_TYPE_STRING:
-            EXPECT_STREQ(L"text", got.b);
-            SysFreeString(got.b);
-            break;
-        default:
-            EXPECT_EQ(&answerObject, got.p);
-            EXPECT_EQ(2, answerObject.refs); // the caller's reference
-            got.p->Release();
-        }
-    }
-}
-
-TEST_F(DispCall, SeveralOutValuesComeFromACombinedValue)
-{
-    Def def("f", {out(VXL_TYPE_INT), in(VXL_TYPE_INT), out(VXL_TYPE_STRING)});
-    V_VT(&callee.answer) = VT_ARRAY | VT_VARIANT;
-    V_ARRAY(&callee.answer) = combined({i4(7), bstr(L"x")});
-    Out number, text;
-    number.raw = text.raw = kUnwritten;
-    ASSERT_EQ(S_OK, vxl_com_dispcall(&callee, &def.method, &number, 1, &text));
-    EXPECT_EQ(7, number.i);
-    EXPECT_STREQ(L"x", text.b);
-    SysFreeString(text.b);
-
-    // Fewer elements than out values: the missing one stays unwritten; no
-    // array at all: nothing is written.
-    VariantClear(&callee.answer);
-    V_VT(&callee.answer) = VT_ARRAY | VT_VARIANT;
-    V_ARRAY(&callee.answer) = combined({i4(8)});
-    number.raw = text.raw = kUnwritten;
-    ASSERT_EQ(S_OK, vxl_com_dispcall(&callee, &def.method, &number, 1, &text));
-    EXPECT_EQ(8, number.i);
-    EXPECT_EQ(kUnwritten, text.raw);
-    VariantClear(&callee.answer);
-    callee.answer = i4(9);
-    number.raw = kUnwritten;
-    ASSERT_EQ(S_OK, vxl_com_dispcall(&callee, &def.method, &number, 1, &text));
-    EXPECT_EQ(kUnwritten, number.raw);
-}
-
-TEST_F(DispCall, AnUnknownNameReadsNoArgumentAndWritesNothing)
-{
-    Def def("g", {out(VXL_TYPE_INT)});
     Out got;
-    got.raw = kUnwritten;
-    EXPECT_EQ(DISP_E_UNKNOWNNAME, vxl_com_dispcall(&callee, &def.method, &got));
-    EXPECT_EQ(DISP_E_UNKNOWNNAME, vxl_com_directdispcall(&callee, &def.method, &got));
-    EXPECT_TRUE(callee.calls.empty());
-    EXPECT_EQ(kUnwritten, got.raw);
-}
-
-TEST_F(DispCall, BadDefinitionsAreRefusedBeforeTheCall)
-{
-    vxl_methoddef nameless = {nullptr, 0, nullptr};
-    vxl_methoddef noParams = {"f", 2, nullptr};
+    Def unknown("g", {out(VXL_TYPE_INT)});
+    EXPECT_EQ(DISP_E_UNKNOWNNAME, vxl_com_dispcall(&callee, &unknown.method, &got));
+    EXPECT_EQ(DISP_E_UNKNOWNNAME, vxl_com_directdispcall(&callee, &unknown.method, &got));
+    vxl_methoddef nameless = {nullptr, 0, nullptr}, noParams = {"f", 2, nullptr};
     const vxl_paramdef *holes[] = {nullptr};
     vxl_methoddef withHole = {"f", 1, holes};
     Def badType("f", {in(7)});
     for (const vxl_methoddef *m : {&nameless, &noParams, &withHole, &badType.method})
         EXPECT_EQ(E_INVALIDARG, vxl_com_dispcall(&callee, m));
     EXPECT_EQ(E_POINTER, vxl_com_dispcall(nullptr, &badType.method));
-    EXPECT_TRUE(callee.calls.empty());
+    EXPECT_TRUE(callee.calls.empty() && got.raw == kUnwritten);
 }
 
-TEST_F(DispCall, DirectFormStoresTheResultByItsOwnTag)
+TEST_F(DispCall, InOutParametersReferToTheCallersVariable)
+{
+    VARIANT seen = {}; // the by-reference VARIANT the dispcall form passes, as the callee saw it
+    callee.act = [&](DISPPARAMS *params) {
+        VARIANT *target = V_VARIANTREF(&params->rgvarg[0]);
+        seen = *target;
+        if (V_VT(target) == (VT_BYREF | VT_I4))
+            *V_I4REF(target) += 32;
+        else
+            VariantClear(target), *target = i4(3);
+    };
+    Def def("f", {inout(VXL_TYPE_INT)});
+    int32_t value = 10;
+    ASSERT_EQ(S_OK, vxl_com_dispcall(&callee, &def.method, &value));
+    EXPECT_TRUE(value == 42 && V_VT(&callee.calls[0].args[0]) == (VT_BYREF | VT_VARIANT));
+    EXPECT_TRUE(V_VT(&seen) == (VT_BYREF | VT_I4) && V_BYREF(&seen) == &value);
+
+    VARIANT mine = bstr(L"before"); // the direct form hands over the caller's own VARIANT
+    ASSERT_EQ(S_OK, vxl_com_directdispcall(&callee, &def.method, &mine));
+    EXPECT_TRUE(V_VARIANTREF(&callee.calls[1].args[0]) == &mine && V_VT(&mine) == VT_I4 && V_I4(&mine) == 3);
+}
+
+// One out value: the dispcall form stores it only from a tag the declared
+// type accepts, the direct form by the result's own tag (the width written
+// follows the tag). Either way a BSTR or interface stored is the caller's.
+TEST_F(DispCall, OneOutValueByDeclaredTypeOrDirectlyByItsOwnTag)
 {
     static LONG referenced = 77;
+    constexpr uint64_t kTaken = 1;
     static const struct {
+        int32_t type;
         VARTYPE tag;
-        uint64_t expected;
+        uint64_t value, dispcall, direct; // value: the result's bytes (I2 -5, I4 9, R4 and R8 2.5)
     } cases[] = {
-        {VT_I2, 0xdeadbeeffffffffbull},           // -5, four bytes
-        {VT_I4, 0xdeadbeef00000009ull},
-        {VT_R4, 0xdeadbeef40200000ull},           // the single 2.5
-        {VT_R8, 0x4004000000000000ull},           // 2.5
-        {VT_BYREF | VT_I4, 0xdeadbeef0000004dull}, // 77 through the reference
-        {VT_BOOL, kUnwritten},
-        {VT_EMPTY, kUnwritten},
+        {VXL_TYPE_INT, VT_I2, 0xfffb, 0xdeadbeeffffffffb, 0xdeadbeeffffffffb},
+        {VXL_TYPE_INT, VT_I4, 9, 0xdeadbeef00000009, 0xdeadbeef00000009},
+        {VXL_TYPE_INT, VT_R8, 0x4004000000000000, kUnwritten, 0x4004000000000000},
+        {VXL_TYPE_INT, VT_BYREF | VT_I4, 0, kUnwritten, 0xdeadbeef0000004d}, // 77 through the reference
+        {VXL_TYPE_INT, VT_BOOL, 0xffff, kUnwritten, kUnwritten},
+        {VXL_TYPE_INT, VT_EMPTY, 0, kUnwritten, kUnwritten},
+        {VXL_TYPE_FLOAT, VT_R4, 0x40200000, 0xdeadbeef40200000, 0xdeadbeef40200000},
+        {VXL_TYPE_FLOAT, VT_R8, 0x4004000000000000, kUnwritten, 0x4004000000000000},
+        {VXL_TYPE_DOUBLE, VT_R4, 0x40200000, 0x4004000000000000, 0xdeadbeef40200000},
+        {VXL_TYPE_DOUBLE, VT_R8, 0x4004000000000000, 0x4004000000000000, 0x4004000000000000},
+        {VXL_TYPE_DOUBLE, VT_I4, 9, kUnwritten, 0xdeadbeef00000009},
+        {VXL_TYPE_INTERFACE, VT_DISPATCH, 0, kTaken, kTaken},
+        {VXL_TYPE_INTERFACE, VT_UNKNOWN, 0, kUnwritten, kTaken},
+        {VXL_TYPE_STRING, VT_BSTR, 0, kTaken, kTaken},
+        {VXL_TYPE_STRING, VT_I4, 9, kUnwritten, 0xdeadbeef00000009},
     };
-    Def def("f", {out(VXL_TYPE_INT)});
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.tag);
-        VariantClear(&callee.answer);
-        V_VT(&callee.answer) = c.tag;
-        V_R8(&callee.answer) = 0;
-        switch (c.tag) {
-        case VT_I2: V_I2(&callee.answer) = -5; break;
-        case VT_I4: V_I4(&callee.answer) = 9; break;
-        case VT_R4: V_R4(&callee.answer) = 2.5f; break;
-        case VT_R8: V_R8(&callee.answer) = 2.5; break;
-        case VT_BYREF | VT_I4: V_I4REF(&callee.answer) = &referenced; break;
-        case VT_BOOL: V_BOOL(&callee.answer) = VARIANT_TRUE; break;
+    for (const auto &c : cases)
+        for (bool direct : {false, true}) {
+            SCOPED_TRACE(testing::Message() << "type " << c.type << " tag " << c.tag << (direct ? " direct" : ""));
+            Recorder object;
+            VARIANT v = {};
+            V_VT(&v) = c.tag, V_UI8(&v) = c.value;
+            if (c.tag == VT_BSTR)
+                V_BSTR(&v) = SysAllocString(L"text");
+            else if (c.tag == VT_DISPATCH || c.tag == VT_UNKNOWN)
+                V_DISPATCH(&v) = &object, object.AddRef();
+            else if (c.tag & VT_BYREF)
+                V_I4REF(&v) = &referenced;
+            answer(v);
+            Def def("f", {out(c.type)});
+            Out got;
+            ASSERT_EQ(S_OK, (direct ? vxl_com_directdispcall : vxl_com_dispcall)(&callee, &def.method, &got));
+            answer(VARIANT{});
+            if ((direct ? c.direct : c.dispcall) != kTaken) {
+                EXPECT_EQ(direct ? c.direct : c.dispcall, got.raw);
+                EXPECT_EQ(1, object.refs); // a result not stored was cleared
+            } else if (c.tag == VT_BSTR) {
+                EXPECT_STREQ(L"text", got.b);
+                SysFreeString(got.b);
+            } else {
+                ASSERT_TRUE(got.p == &object && object.refs == 2); // not on to a BSTR whose owner is unclear
+                got.p->Release();
+            }
         }
-        Out got;
-        got.raw = kUnwritten;
-        ASSERT_EQ(S_OK, vxl_com_directdispcall(&callee, &def.method, &got));
-        EXPECT_EQ(c.expected, got.raw);
-    }
 
-    // Resources pass to the caller as they are; only the last out is served.
+    // Only the last out of the direct form is served, with the whole result.
     Def two("f", {out(VXL_TYPE_INT), out(VXL_TYPE_STRING)});
-    VariantClear(&callee.answer);
-    V_VT(&callee.answer) = VT_ARRAY | VT_I4;
-    V_ARRAY(&callee.answer) = SafeArrayCreateVector(VT_I4, 0, 2);
+    answer(SafeArrayCreateVector(VT_I4, 0, 2), VT_I4);
     Out first, second;
-    first.raw = second.raw = kUnwritten;
     ASSERT_EQ(S_OK, vxl_com_directdispcall(&callee, &two.method, &first, &second));
-    EXPECT_EQ(kUnwritten, first.raw);
-    ASSERT_NE(kUnwritten, second.raw);
-    EXPECT_EQ(2u, second.a->rgsabound[0].cElements);
+    EXPECT_TRUE(first.raw == kUnwritten && second.raw != kUnwritten);
+    EXPECT_EQ(2, vxl_com_safearraylen(second.a));
     SafeArrayDestroy(second.a);
 }
 
-TEST_F(DispCall, DirectFormTakesOverInArguments)
+// Several out values travel as one combined value, packed by one side and
+// taken apart by the other with the same definition.
+TEST_F(DispCall, SeveralOutValuesComeFromACombinedValue)
 {
-    Def def("f", {in(VXL_TYPE_INTERFACE)});
-    Recorder arg;
-    ASSERT_EQ(S_OK, vxl_com_dispcall(&callee, &def.method, static_cast<IDispatch *>(&arg)));
-    EXPECT_EQ(2, arg.refs); // the recorder's copy only
-    ASSERT_EQ(S_OK, vxl_com_directdispcall(&callee, &def.method, static_cast<IDispatch *>(&arg)));
-    EXPECT_EQ(2, arg.refs); // the recorder's second copy, less the caller's given up
-    callee.forget();
+    Def def("f", {out(VXL_TYPE_INT), in(VXL_TYPE_DOUBLE), out(VXL_TYPE_STRING), out(VXL_TYPE_FLOAT)});
+    answer(vxl_com_createcombined(&def.method, 7, "x", 1.5f));
+    Out number, text, single;
+    ASSERT_EQ(S_OK, vxl_com_dispcall(&callee, &def.method, &number, 0.0, &text, &single));
+    EXPECT_TRUE(number.i == 7 && single.f == 1.5f);
+    EXPECT_STREQ(L"x", text.b);
+    SysFreeString(text.b);
+
+    // Fewer elements than out values: the missing ones stay unwritten; no
+    // array at all: nothing is written.
+    answer(variants({i4(8)}));
+    number.raw = text.raw = single.raw = kUnwritten;
+    ASSERT_EQ(S_OK, vxl_com_dispcall(&callee, &def.method, &number, 0.0, &text, &single));
+    EXPECT_TRUE(number.i == 8 && text.raw == kUnwritten && single.raw == kUnwritten);
+    answer(i4(9));
+    number.raw = kUnwritten;
+    ASSERT_EQ(S_OK, vxl_com_dispcall(&callee, &def.method, &number, 0.0, &text, &single));
+    EXPECT_EQ(kUnwritten, number.raw);
+
+    // An out array with an out length: two out values for the callee, so the
+    // result is a combined value whose element 0 is the array.
+    VARIANT inner;
+    V_VT(&inner) = VT_ARRAY | VT_VARIANT, V_ARRAY(&inner) = SafeArrayCreateVector(VT_VARIANT, 0, 4);
+    answer(variants({inner, i4(4)}));
+    Def outs("f", {out(VXL_TYPE_DOUBLE, ~1), out(VXL_TYPE_INT)});
+    Out got;
+    ASSERT_EQ(S_OK, vxl_com_dispcall(&callee, &outs.method, &got));
+    EXPECT_EQ(4, vxl_com_safearraylen(got.a));
+    SafeArrayDestroy(got.a);
+
+    Def none("g", {in(VXL_TYPE_INT)}); // no out values: an empty combined value, not null
+    SAFEARRAY *empty = vxl_com_createcombined(&none.method);
+    EXPECT_TRUE(empty && vxl_com_safearraylen(empty) == 0);
+    SafeArrayDestroy(empty);
 }
 
-// oleaut32's own dispatch over a vtable object: the call must be one that a
-// real Automation object understands.
-TEST(DispCallStandard, ReachesAVtableObjectThroughOleaut32)
+// Element i of a SAFEARRAY of VARIANTs, copied out (the caller clears it).
+VARIANT element(SAFEARRAY *values, LONG i)
 {
-    CoInitialize(nullptr);
-    {
-        Callee callee;
-        IDispatch *object = callee.dispatch();
-        Def mixed("Mixed", {in(VXL_TYPE_INT), in(VXL_TYPE_DOUBLE), in(VXL_TYPE_STRING), out(VXL_TYPE_STRING)});
-        BSTR c = SysAllocString(L"x");
-        BSTR r = nullptr;
-        ASSERT_EQ(S_OK, vxl_com_dispcall(object, &mixed.method, 3, 2.5, c, &r));
-        EXPECT_STREQ(L"3 2.5 x", r);
-        SysFreeString(r);
-        SysFreeString(c);
+    VARIANT v = {};
+    SafeArrayGetElement(values, &i, &v);
+    return v;
+}
 
-        Def twice("Twice", {in(VXL_TYPE_INT), out(VXL_TYPE_INT)});
-        int32_t doubled = 0;
-        ASSERT_EQ(S_OK, vxl_com_dispcall(object, &twice.method, 21, &doubled));
-        EXPECT_EQ(42, doubled);
-
-        Def bump("Bump", {inout(VXL_TYPE_INT)});
-        int32_t value = 5;
-        ASSERT_EQ(S_OK, vxl_com_dispcall(object, &bump.method, &value));
-        EXPECT_EQ(15, value);
-
-        Def sum("Sum", {in(VXL_TYPE_DOUBLE, ~1), in(VXL_TYPE_INT), out(VXL_TYPE_DOUBLE)});
-        SAFEARRAY *values = combined({i4(1), i4(2), i4(4)});
-        double total = 0;
-        ASSERT_EQ(S_OK, vxl_com_dispcall(object, &sum.method, &values, &total));
-        EXPECT_EQ(7.0, total);
-        SafeArrayDestroy(values);
-
-        Def small("Small", {out(VXL_TYPE_INT)});
-        int32_t widened = 0;
-        ASSERT_EQ(S_OK, vxl_com_dispcall(object, &small.method, &widened));
-        EXPECT_EQ(-1, widened);
-
-        Def pair("Pair", {in(VXL_TYPE_INT), out(VXL_TYPE_INT), out(VXL_TYPE_STRING)});
-        int32_t n = 0;
-        BSTR word = nullptr;
-        ASSERT_EQ(S_OK, vxl_com_dispcall(object, &pair.method, 5, &n, &word));
-        EXPECT_EQ(5, n);
-        EXPECT_STREQ(L"pair", word);
-        SysFreeString(word);
-
-        Def nothing("Nothing", {});
-        EXPECT_EQ(S_OK, vxl_com_dispcall(object, &nothing.method));
-        EXPECT_EQ(1, callee.nothingCalls);
-        Def missing("Missing", {});
-        EXPECT_EQ(DISP_E_UNKNOWNNAME, vxl_com_dispcall(object, &missing.method));
+TEST(Combined, ArraysTakeTheirCountFromTheArrayFieldOrTheLengthSlot)
+{
+    const double reals[] = {1.5, 2.5, 3.5, 4.5};
+    const int32_t ints[] = {1, 2, 3, 4};
+    Def lengthAfter("f", {out(VXL_TYPE_DOUBLE, ~1), out(VXL_TYPE_INT)}); // read in the first walk
+    Def fixed("f", {out(VXL_TYPE_INT, 4)});                             // no length slot
+    Def lengthIn("f", {in(VXL_TYPE_INT), out(VXL_TYPE_INT, ~0)});       // no slot, 0 elements
+    const struct {
+        SAFEARRAY *values;
+        int32_t elements; // of the inner array
+        VARTYPE tag;      // of its elements
+    } cases[] = {{vxl_com_createcombined(&lengthAfter.method, reals, 3), 3, VT_R8},
+                 {vxl_com_createcombined(&fixed.method, ints), 4, VT_I4},
+                 {vxl_com_createcombined(&lengthIn.method, ints), 0, VT_I4}};
+    for (const auto &c : cases) {
+        ASSERT_EQ(1, vxl_com_safearraylen(c.values));
+        VARIANT e = element(c.values, 0);
+        ASSERT_EQ(VT_ARRAY | VT_VARIANT, V_VT(&e));
+        ASSERT_EQ(c.elements, vxl_com_safearraylen(V_ARRAY(&e)));
+        for (LONG i = 0; i < c.elements; ++i) {
+            VARIANT inner = element(V_ARRAY(&e), i);
+            EXPECT_TRUE(V_VT(&inner) == c.tag && (c.tag == VT_R8 ? V_R8(&inner) == reals[i] : V_I4(&inner) == ints[i]));
+        }
+        VariantClear(&e);
+        SafeArrayDestroy(c.values);
     }
-    CoUninitialize();
 }
 
-// Wine's Scripting.Dictionary: an Automation object nobody here wrote.
-TEST(DispCallStandard, DrivesScriptingDictionary)
+TEST(Combined, AnOutInterfaceIsWrappedAndItsKitReferenceTakenOver)
 {
-    CoInitialize(nullptr);
-    CLSID clsid;
-    IDispatch *dictionary = nullptr;
-    ASSERT_EQ(S_OK, CLSIDFromProgID(L"Scripting.Dictionary", &clsid));
-    ASSERT_EQ(S_OK, CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, IID_IDispatch,
-                                     reinterpret_cast<void **>(&dictionary)));
-    Def add("Add", {in(VXL_TYPE_STRING), in(VXL_TYPE_INT)});
-    BSTR keys[] = {SysAllocString(L"one"), SysAllocString(L"two")};
-    EXPECT_EQ(S_OK, vxl_com_dispcall(dictionary, &add.method, keys[0], 1));
-    EXPECT_EQ(S_OK, vxl_com_dispcall(dictionary, &add.method, keys[1], 2));
-    // A second Add of one key is the dictionary's error, passed on as it is.
-    EXPECT_EQ(DISP_E_EXCEPTION, vxl_com_dispcall(dictionary, &add.method, keys[0], 3));
+    vxl_if counter = vxltest::newCounter();
+    ASSERT_NE(nullptr, counter);
+    const int32_t ints[] = {5, 6};
+    // Slots: interface, wrapper type, name; then the array; then the in/out
+    // length that follows it.
+    Def def("f", {out(VXL_TYPE_INTERFACE), out(VXL_TYPE_INT, ~2), inout(VXL_TYPE_INT)});
+    SAFEARRAY *values = vxl_com_createcombined(&def.method, counter, "comS", "ICounter", ints, 2);
+    ASSERT_EQ(2, vxl_com_safearraylen(values));
+    VARIANT e0 = element(values, 0), e1 = element(values, 1);
+    EXPECT_TRUE(V_VT(&e0) == VT_DISPATCH && V_DISPATCH(&e0) && vxl_com_variantsafearraylen(&e1) == 2);
+    VariantClear(&e0), VariantClear(&e1);
+    EXPECT_EQ(1, vxltest::liveCounters); // held by its wrapper in the combined value
+    SafeArrayDestroy(values);
+    EXPECT_EQ(0, vxltest::liveCounters); // the caller's one reference went with it
 
-    // Exists answers VT_BOOL, which no kit type accepts: the call succeeds
-    // and the variable stays as it was.
-    Def exists("Exists", {in(VXL_TYPE_STRING), out(VXL_TYPE_INT)});
-    int32_t found = 0xdeadbeef;
-    EXPECT_EQ(S_OK, vxl_com_dispcall(dictionary, &exists.method, keys[1], &found));
-    EXPECT_EQ(static_cast<int32_t>(0xdeadbeef), found);
-
-    // Keys comes back as a SAFEARRAY of VARIANTs, read with the kit's readers.
-    Def keysMethod("Keys", {out(VXL_TYPE_STRING, 1)});
-    SAFEARRAY *got = nullptr;
-    ASSERT_EQ(S_OK, vxl_com_dispcall(dictionary, &keysMethod.method, &got));
-    int32_t n = vxl_com_safearraylen(got);
-    ASSERT_EQ(2, n);
-    char **strings = vxl_com_createstringarrayfromsafearray(got, n);
-    EXPECT_STREQ("one", strings[0]);
-    EXPECT_STREQ("two", strings[1]);
-    vxl_freestringarray(strings, n);
-    SafeArrayDestroy(got);
-
-    Def items("Items", {out(VXL_TYPE_INT, 1)});
-    ASSERT_EQ(S_OK, vxl_com_directdispcall(dictionary, &items.method, &got)); // the callee's own array
-    int32_t *values = vxl_com_createintarrayfromsafearray(got, vxl_com_safearraylen(got));
-    EXPECT_EQ(1, values[0]);
-    EXPECT_EQ(2, values[1]);
-    vxl_free(values);
-    SafeArrayDestroy(got);
-
-    for (BSTR key : keys)
-        SysFreeString(key);
-    dictionary->Release();
-    CoUninitialize();
+    Def single("f", {out(VXL_TYPE_INTERFACE)}); // a null interface is a null element and drops nothing
+    values = vxl_com_createcombined(&single.method, static_cast<vxl_if>(nullptr), "comS", "ICounter");
+    VARIANT e = element(values, 0);
+    EXPECT_TRUE(V_VT(&e) == VT_DISPATCH && !V_DISPATCH(&e));
+    SafeArrayDestroy(values);
 }
 
 } // namespace

@@ -1,10 +1,10 @@
-// Shared by the data marshalling tests: a counted kit component whose
-// ICounter crosses to COM through the test wrapper library, and one row of
-// functions per element kind, so every case runs over all five kinds.
+// Shared by the marshalling tests: one row of functions per element kind, so
+// every case runs over all five kinds, with interface elements crossing as
+// counted test counters.
 #pragma once
 
+#include "counters.h"
 #include "harness.h"
-#include "testifaces.h"
 
 #include <gtest/gtest.h>
 #include <windows.h>
@@ -16,32 +16,17 @@
 
 namespace dm {
 
-// Every COM wrapper holds a kit reference on its counter, so no counter
-// outlives a test unless a reference or a wrapper was leaked.
-inline std::atomic<int> liveCounters{0};
+using vxltest::liveCounters;
+using vxltest::newCounter;
 
-// Registers the component and loads the wrapper library, which registers
-// ICounter's wrappers and proxies as it loads.
-inline void setUpProcess()
+// The size of a block of COM task memory; 0 for any other pointer.
+inline size_t taskSize(void *block)
 {
-    static const vxl_fn unused[2] = {};
-    static const vxl_componentinterface ci = {&ICounterDef, unused};
-    static const vxl_componentinterface *const cis[] = {&ci};
-    static const vxl_componentdef counter = {
-        "MarshalCounter", 1, cis, [](void **impl, vxl_if) { return *impl = nullptr, ++liveCounters, VXL_OK; },
-        [](void *, vxl_if) { return --liveCounters, VXL_OK; }, nullptr};
-    static const vxl_componentdef *const classes[] = {&counter, nullptr};
-    static const vxl_interfacedef *const ifaces[] = {&ICounterDef, nullptr};
-    vxl_init();
-    vxl_register("marshaltests", classes, ifaces);
-    LoadLibraryA("testwrappers.dll");
-}
-
-inline vxl_if newCounter()
-{
-    vxl_if pif = nullptr;
-    vxl_createinstance("MarshalCounter", "ICounter", &pif);
-    return pif;
+    IMalloc *task = nullptr;
+    CoGetMalloc(1, &task);
+    size_t size = task->DidAlloc(block) == 1 ? task->GetSize(block) : 0;
+    task->Release();
+    return size;
 }
 
 template <class In, class Out> struct Kind {

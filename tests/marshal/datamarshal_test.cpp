@@ -11,18 +11,8 @@ namespace {
 
 class DataMarshal : public testing::Test {
 protected:
-    static void SetUpTestSuite() { setUpProcess(); }
     void TearDown() override { EXPECT_EQ(0, liveCounters); }
 };
-
-bool inTaskMemory(void *block)
-{
-    IMalloc *task = nullptr;
-    CoGetMalloc(1, &task);
-    bool did = task->DidAlloc(block) == 1;
-    task->Release();
-    return did;
-}
 
 template <class T> void checkNumberArrays(T *(*kit)(const T *, int32_t), T *(*task)(const T *, int32_t),
                                           T *(*empty)(int32_t), const T (&src)[3])
@@ -30,7 +20,7 @@ template <class T> void checkNumberArrays(T *(*kit)(const T *, int32_t), T *(*ta
     for (auto create : {kit, task}) {
         EXPECT_EQ(nullptr, create(reinterpret_cast<const T *>(8), 0)); // the source is not read
         T *copy = create(src, 3);
-        EXPECT_TRUE(memcmp(copy, src, sizeof src) == 0 && inTaskMemory(copy) == (create == task));
+        EXPECT_TRUE(memcmp(copy, src, sizeof src) == 0 && (taskSize(copy) != 0) == (create == task));
         create == task ? vxl_com_free(copy) : vxl_free(copy);
     }
     EXPECT_TRUE(!empty(0) && !empty(-1));
@@ -54,7 +44,7 @@ TEST_F(DataMarshal, KitArraysCopyIntoTheirHome)
     for (int a = 0; a < 4; ++a)
         for (int i = 0; i < 3; ++i)
             EXPECT_TRUE(same(arrays[a][i], strings.v[i]) && (!arrays[a][i] || arrays[a][i] != strings.v[i]) &&
-                        inTaskMemory(arrays[a][i]) == (strings.v[i] && a % 2 == 1)) << a << i;
+                        (taskSize(arrays[a][i]) != 0) == (strings.v[i] && a % 2 == 1)) << a << i;
     EXPECT_EQ(nullptr, vxl_com_createcomstringarray(reinterpret_cast<const char *const *>(8), 0));
     vxl_freestringarray(arrays[0], 3);
     vxl_com_freecomstringarray(arrays[1], 3);
@@ -88,42 +78,6 @@ TEST_F(DataMarshal, InterfaceKitArraysHoldOneReferencePerElement)
     EXPECT_EQ(0, vxl_com_freeinterfacearray(kit, 2, DM_IF));
 }
 
-TEST_F(DataMarshal, SafeArraysOfEveryKindInBothShapesReadBack)
-{
-    forEachKind([](auto &k) {
-        KIND_TYPES(k);
-        SCOPED_TRACE(k.name);
-        Samples<In> samples;
-        for (bool variants : {false, true}) {
-            SAFEARRAY *sa = (variants ? k.createVariant : k.create)(samples.v, 3);
-            VARTYPE vt = 0, element = 0;
-            SafeArrayGetVartype(sa, &vt);
-            EXPECT_TRUE(vt == (variants ? VARTYPE{VT_VARIANT} : k.elementTag) && SafeArrayGetDim(sa) == 1 &&
-                        vxl_com_safearraylen(sa) == 3);
-            if (variants) {
-                VARIANT v;
-                LONG index = 2;
-                SafeArrayGetElement(sa, &index, &v);
-                element = V_VT(&v);
-                VariantClear(&v);
-                EXPECT_EQ(k.elementTag, element);
-            }
-            // Interfaces are read only from VT_DISPATCH elements, not the VT_UNKNOWN ones made here.
-            bool readable = !(variants && k.elementTag == VT_UNKNOWN);
-            Out *dst = untouched<Out>(5), *made = k.createFrom(sa, 5), unread = dst[4];
-            k.copyFrom(dst, sa, 5); // two more than the array holds
-            for (int i = 0; i < 5; ++i)
-                EXPECT_TRUE(same(dst[i], i < 3 && readable ? samples.v[i] : unread) &&
-                            same(made[i], i < 3 && readable ? samples.v[i] : Out{})) << i;
-            k.freeArray(dst, 5), k.freeArray(made, 5);
-            EXPECT_TRUE(!k.createFrom(sa, 0) && vxl_com_freesafearray(sa) == 0);
-        }
-        SAFEARRAY *empty = k.create(samples.v, 0);
-        EXPECT_TRUE(empty && vxl_com_safearraylen(empty) == 0);
-        vxl_com_freesafearray(empty);
-    });
-}
-
 TEST_F(DataMarshal, ReadersTakeTheDataFromItsStartWhateverTheBounds)
 {
     LONG i4 = 41;
@@ -139,20 +93,6 @@ TEST_F(DataMarshal, ReadersTakeTheDataFromItsStartWhateverTheBounds)
     EXPECT_EQ(3, vxl_com_safearraylen(sa));
     vxl_com_freesafearray(sa);
 
-    SAFEARRAYBOUND bounds[] = {{2, -1}, {3, 5}}; // the length is dimension 1's
-    SAFEARRAY *grid = SafeArrayCreate(VT_I4, 2, bounds);
-    int32_t *cells = nullptr;
-    SafeArrayAccessData(grid, reinterpret_cast<void **>(&cells));
-    for (int i = 0; i < 6; ++i)
-        cells[i] = 10 + i;
-    SafeArrayUnaccessData(grid);
-    int32_t *all = vxl_com_createintarrayfromsafearray(grid, 7);
-    EXPECT_EQ((std::vector<int32_t>{10, 11, 12, 13, 14, 15, 0}), std::vector<int32_t>(all, all + 7));
-    // Elements that are neither BSTRs nor COM pointers are not read as such.
-    char **none = vxl_com_createstringarrayfromsafearray(grid, 6);
-    vxl_if *noifs = vxl_com_createinterfacearrayfromsafearray(grid, 6, DM_IF);
-    EXPECT_TRUE(vxl_com_safearraylen(grid) == 2 && !none[5] && !noifs[5]);
-    vxl_free(all), vxl_free(none), vxl_free(noifs), vxl_com_freesafearray(grid);
     EXPECT_TRUE(!vxl_com_safearraylen(nullptr) && !vxl_com_createintarrayfromsafearray(nullptr, 3));
 }
 
@@ -194,12 +134,40 @@ TEST_F(DataMarshal, ScalarReadsAcceptOnlyTheirTagsThroughOneReference)
     VariantClear(&cases[4].v), SysFreeString(text);
 }
 
-TEST_F(DataMarshal, EveryKindWrittenAndReadBackThroughEveryShape)
+TEST_F(DataMarshal, EveryKindThroughSafeArraysOfBothShapesAndEveryShapeOfVariant)
 {
     forEachKind([](auto &k) {
         KIND_TYPES(k);
         SCOPED_TRACE(k.name);
         Samples<In> samples;
+        for (bool variants : {false, true}) {
+            SAFEARRAY *sa = (variants ? k.createVariant : k.create)(samples.v, 3);
+            VARTYPE vt = 0, element = 0;
+            SafeArrayGetVartype(sa, &vt);
+            EXPECT_TRUE(vt == (variants ? VARTYPE{VT_VARIANT} : k.elementTag) && SafeArrayGetDim(sa) == 1 &&
+                        vxl_com_safearraylen(sa) == 3);
+            if (variants) {
+                VARIANT v;
+                LONG index = 2;
+                SafeArrayGetElement(sa, &index, &v);
+                element = V_VT(&v);
+                VariantClear(&v);
+                EXPECT_EQ(k.elementTag, element);
+            }
+            // Interfaces are read only from VT_DISPATCH elements, not the VT_UNKNOWN ones made here.
+            bool readable = !(variants && k.elementTag == VT_UNKNOWN);
+            Out *dst = untouched<Out>(5), *made = k.createFrom(sa, 5), unread = dst[4];
+            k.copyFrom(dst, sa, 5); // two more than the array holds
+            for (int i = 0; i < 5; ++i)
+                EXPECT_TRUE(same(dst[i], i < 3 && readable ? samples.v[i] : unread) &&
+                            same(made[i], i < 3 && readable ? samples.v[i] : Out{})) << i;
+            k.freeArray(dst, 5), k.freeArray(made, 5);
+            EXPECT_TRUE(!k.createFrom(sa, 0) && vxl_com_freesafearray(sa) == 0);
+        }
+        SAFEARRAY *empty = k.create(samples.v, 0);
+        EXPECT_TRUE(empty && vxl_com_safearraylen(empty) == 0);
+        vxl_com_freesafearray(empty);
+
         VARIANT inner = {}, outer = byref(VT_VARIANT, &inner); // VT_EMPTY with a null value slot
         for (int i : {0, 1, 2}) { // each write releases the value before it
             ASSERT_EQ(VXL_OK, k.put(i == 1 ? &outer : &inner, samples.v[i]));
