@@ -171,7 +171,7 @@ QUIET_TEST(UseCounts, InuseRacingWithCreatorsNeverFreesAFactoryInUse)
 
 // ---- object blocks ----------------------------------------------------------------------------
 
-QUIET_TEST(ObjectBlocks, AReleasedBlockServesTheNextObjectOfItsSizeOnTheReleasingThread)
+QUIET_TEST(ObjectBlocks, AReleasedBlockServesTheReleasingThreadAndItKeepsAtMostItsShare)
 {
     registerOnce();
     vxl_if a = make("Hot");
@@ -192,15 +192,12 @@ QUIET_TEST(ObjectBlocks, AReleasedBlockServesTheNextObjectOfItsSizeOnTheReleasin
     }).join();
     EXPECT_EQ(mine, theirs);
     vxl_decref(theirs);
-}
 
-QUIET_TEST(ObjectBlocks, AThreadKeepsAtMostItsShareAndGivesTheRestBack)
-{
-    registerOnce();
-    vxl_threadstate *thread = vxl_thisthread();
+    // A thread keeps at most its share and gives the rest back.
     std::vector<vxl_if> objects;
     for (uint32_t k = 0; k < kCachedBlocksPerSize + 8; ++k)
         objects.push_back(make("Hot"));
+    vxl_threadstate *thread = vxl_thisthread();
     EXPECT_EQ(0u, thread->blocks[0].count);
     for (vxl_if obj : objects)
         vxl_decref(obj);
