@@ -163,17 +163,11 @@ public:
         memset(out, 0, sizeof *out);
         return 1;
     }
-    const vxl_comcomponentinfo *byclsid(const GUID &clsid) const
+    // The component found by CLSID (name null) or by exact name.
+    const vxl_comcomponentinfo *component(const GUID &clsid, const char *name = nullptr) const
     {
         for (const Component &c : comps_)
-            if (same(c.copy.clsid, clsid))
-                return c.original;
-        return nullptr;
-    }
-    const vxl_comcomponentinfo *byname(const char *name) const
-    {
-        for (const Component &c : comps_)
-            if (c.copy.name && strcmp(c.copy.name, name) == 0)
+            if (name ? c.copy.name && strcmp(c.copy.name, name) == 0 : same(c.copy.clsid, clsid))
                 return c.original;
         return nullptr;
     }
@@ -226,9 +220,9 @@ void expectComLookups(ComModel &model, uint32_t count, const char *phase)
         EXPECT_EQ(0, memcmp(&want, &got, sizeof got));
     }
     for (const GUID &clsid : clsids)
-        EXPECT_EQ(model.byclsid(clsid), vxl_com_findcomponentbyclsid(clsid)) << testing::PrintToString(clsid);
+        EXPECT_EQ(model.component(clsid), vxl_com_findcomponentbyclsid(clsid)) << testing::PrintToString(clsid);
     for (const std::string &name : compnames)
-        EXPECT_EQ(model.byname(name.c_str()), vxl_com_findcomponent(name.c_str())) << name;
+        EXPECT_EQ(model.component(GUID_NULL, name.c_str()), vxl_com_findcomponent(name.c_str())) << name;
 
     vxl_comlockguard lock(VXL_REGISTRATION_LOCK);
     vxl_comregistration *reg = vxl_com_registrations();
