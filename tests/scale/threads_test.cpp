@@ -95,8 +95,7 @@ QUIET_TEST(UseCounts, ThreadsThatCreateAndReleaseEachOthersObjectsLeaveTheSumExa
     vxl_if first = make("Hot");
     vxl_classfactory *f = factoryOf(first);
     ASSERT_NE(nullptr, f->counts) << "a cached factory counts on stripes";
-    int32_t base = f->usecount;
-    EXPECT_EQ(1, base);
+    EXPECT_EQ(1, f->usecount);
 
     constexpr int kThreads = 6, kEach = 500;
     std::vector<vxl_if> objects(kThreads * kEach);
@@ -106,7 +105,7 @@ QUIET_TEST(UseCounts, ThreadsThatCreateAndReleaseEachOthersObjectsLeaveTheSumExa
         for (int k = 0; k < kEach; ++k)
             objects[size_t(t * kEach + k)] = make("Hot");
     });
-    EXPECT_EQ(base + kThreads * kEach, f->usecount);
+    EXPECT_EQ(1 + kThreads * kEach, f->usecount);
     EXPECT_EQ(kThreads, static_cast<int>(std::set<uint32_t>(stripes.begin(), stripes.end()).size()))
         << "threads that came one after another got stripes of their own";
     // Each thread releases another thread's objects: units go back on
@@ -116,7 +115,7 @@ QUIET_TEST(UseCounts, ThreadsThatCreateAndReleaseEachOthersObjectsLeaveTheSumExa
         for (int k = 0; k < kEach; ++k)
             vxl_decref(objects[size_t(other * kEach + k)]);
     });
-    EXPECT_EQ(base, f->usecount);
+    EXPECT_EQ(1, f->usecount);
     EXPECT_EQ(1, g_alive.load());
     vxl_decref(first);
     EXPECT_EQ(0, f->usecount);
