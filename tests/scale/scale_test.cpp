@@ -370,11 +370,7 @@ void kitRegistryAtScale(uint32_t count)
     const vxl_componentdef *const taken[] = {&libs[count - 1]->def, nullptr};
     const vxl_interfacedef *const none[] = {nullptr};
     EXPECT_EQ(1, vxl_register("again", taken, none));
-    const vxl_paramdef outArg = {"x", VXL_TYPE_INT, VXL_DIR_OUT, 0, nullptr};
-    const vxl_paramdef *const outArgs[] = {&outArg};
-    const vxl_methoddef outMethod = {"get", 1, outArgs};
-    const vxl_methoddef *const outMethods[] = {&outMethod};
-    const vxl_interfacedef otherShared = {"IShared", 1, outMethods};
+    const vxl_interfacedef otherShared = {"IShared", 0, nullptr};
     const vxl_componentdef *const noComponents[] = {nullptr};
     const vxl_interfacedef *const otherList[] = {&otherShared, nullptr};
     EXPECT_EQ(1, vxl_register("other", noComponents, otherList));

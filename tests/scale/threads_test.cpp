@@ -292,13 +292,9 @@ class ComHot final : public IUnknown {
 public:
     HRESULT STDMETHODCALLTYPE QueryInterface(REFIID iid, void **out) override
     {
-        if (!IsEqualIID(iid, IID_IUnknown) && !IsEqualIID(iid, IID_IHot)) {
-            *out = nullptr;
-            return E_NOINTERFACE;
-        }
-        *out = this;
-        AddRef();
-        return S_OK;
+        bool known = IsEqualIID(iid, IID_IUnknown) || IsEqualIID(iid, IID_IHot);
+        *out = known ? this : nullptr;
+        return known ? (AddRef(), S_OK) : E_NOINTERFACE;
     }
     ULONG STDMETHODCALLTYPE AddRef() override { return InterlockedIncrement(&refs_); }
     ULONG STDMETHODCALLTYPE Release() override
