@@ -16,6 +16,7 @@
 namespace {
 
 using vxltest::dumpKey;
+using vxltest::sz;
 
 constexpr GUID guid(unsigned char n)
 {
@@ -41,12 +42,6 @@ const vxl_comlibinfo registration = {"unused", GUID_NULL};
 
 const std::string kWrappers = "SOFTWARE\\Quelt\\vexa\\interfaces\\";
 const std::string kTypeLib = "TypeLib\\{D8E19C00-CE81-4945-8E16-F01BB64568A3}";
-
-// Registry data as text, its terminating NUL shown as "\0".
-std::string sz(const std::string &text)
-{
-    return "1:" + text + std::string("\\0") + "\n";
-}
 
 std::string modulePath(HMODULE module)
 {

@@ -1,15 +1,17 @@
 // White box: the wrapper registry in the real (Wine prefix's) registry.
 // Every test works on subkeys of its own and removes them before and after.
 #include "comserver/comserver.h"
+#include "comserver_support.h"
 #include "harness.h"
 
 #include <gtest/gtest.h>
 #include <windows.h>
 
-#include <map>
 #include <string>
 
 namespace {
+
+using vxltest::sz;
 
 const std::string kBase = "SOFTWARE\\Quelt\\vexa\\interfaces\\";
 const std::string kPathA = "C:\\vxltest\\wrappers\\First.dll", kPathB = "C:\\vxltest\\wrappers\\Second.dll";
@@ -19,45 +21,15 @@ std::string keyOf(const std::string &ifname, const std::string &wtype)
     return kBase + ifname + "-" + wtype;
 }
 
-bool keyExists(const std::string &path)
+std::string dump(const std::string &path)
 {
-    HKEY key;
-    if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, path.c_str(), 0, KEY_READ, &key) != ERROR_SUCCESS)
-        return false;
-    RegCloseKey(key);
-    return true;
+    return vxltest::dumpKey(HKEY_LOCAL_MACHINE, path);
 }
 
 void setValue(const std::string &path, const char *name, const std::string &data)
 {
-    HKEY key;
-    ASSERT_EQ(ERROR_SUCCESS, RegCreateKeyExA(HKEY_LOCAL_MACHINE, path.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr,
-                                             &key, nullptr));
-    RegSetValueExA(key, name, 0, REG_SZ, reinterpret_cast<const BYTE *>(data.c_str()),
-                   static_cast<DWORD>(data.size() + 1));
-    RegCloseKey(key);
-}
-
-// Name -> data of every value; the stored terminator shows as "|0".
-using Values = std::map<std::string, std::string>;
-Values valuesOf(const std::string &path)
-{
-    Values values;
-    HKEY key;
-    if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, path.c_str(), 0, KEY_READ, &key) != ERROR_SUCCESS)
-        return values;
-    char name[256], data[1024];
-    for (DWORD i = 0, namelen = sizeof name, datalen = sizeof data, type = 0;
-         RegEnumValueA(key, i, name, &namelen, nullptr, &type, reinterpret_cast<BYTE *>(data), &datalen) ==
-         ERROR_SUCCESS;
-         ++i, namelen = sizeof name, datalen = sizeof data) {
-        std::string text(data, datalen);
-        if (!text.empty() && text.back() == '\0')
-            text = text.substr(0, text.size() - 1) + "|0";
-        values[name] = text;
-    }
-    RegCloseKey(key);
-    return values;
+    ASSERT_EQ(ERROR_SUCCESS, RegSetKeyValueA(HKEY_LOCAL_MACHINE, path.c_str(), name, REG_SZ, data.c_str(),
+                                             static_cast<DWORD>(data.size() + 1)));
 }
 
 std::string line(const char *op, const std::string &path, const std::string &ifname, const std::string &wtype)
@@ -89,27 +61,28 @@ TEST_F(WrapperRegistry, RegistrationWritesWrapper0AndClearsUpToTheFirstGap)
     vxltest::LogTail tail;
     EXPECT_EQ(0, vxl_com_wrapper_register(kPathA.c_str(), "IVxlWregTwoPaths", "com"));
     EXPECT_EQ(0, vxl_com_wrapper_register(kPathB.c_str(), "IVxlWregTwoPaths", "com"));
-    EXPECT_EQ((Values{{"wrapper-0", kPathB + "|0"}}), valuesOf(keyOf("IVxlWregTwoPaths", "com")));
+    const std::string two = keyOf("IVxlWregTwoPaths", "com");
+    EXPECT_EQ("[" + two + "]\nwrapper-0=" + sz(kPathB), dump(two));
     EXPECT_EQ(line("register", kPathA, "IVxlWregTwoPaths", "com") + line("register", kPathB, "IVxlWregTwoPaths", "com"),
               tail.text());
     const std::string gap = keyOf("IVxlWregGap", "comS");
     for (const char *name : {"wrapper-0", "wrapper-1", "wrapper-3", "wrapper-01", "custom"})
         setValue(gap, name, name);
     EXPECT_EQ(0, vxl_com_wrapper_register(kPathA.c_str(), "IVxlWregGap", "comS"));
-    EXPECT_EQ((Values{{"wrapper-0", kPathA + "|0"}, {"wrapper-3", "wrapper-3|0"}, {"wrapper-01", "wrapper-01|0"},
-                      {"custom", "custom|0"}}),
-              valuesOf(gap));
+    EXPECT_EQ("[" + gap + "]\ncustom=" + sz("custom") + "wrapper-0=" + sz(kPathA) + "wrapper-01=" + sz("wrapper-01") +
+                  "wrapper-3=" + sz("wrapper-3"),
+              dump(gap)); // the registry's own (sorted) order
 
     // Key paths up to 255 characters; missing arguments are refused.
     const std::string longest(219, 'L'), tooLong(220, 'L'); // 31 + 219 + "-comP" = 255
     vxltest::LogTail limits;
     EXPECT_EQ(0, vxl_com_wrapper_register(kPathA.c_str(), longest.c_str(), "comP"));
     EXPECT_EQ(0, vxl_com_wrapper_unregister(kPathA.c_str(), longest.c_str(), "comP"));
-    EXPECT_FALSE(keyExists(keyOf(longest, "comP"))) << "its last path gone, the subkey goes";
+    EXPECT_EQ("", dump(keyOf(longest, "comP"))) << "its last path gone, the subkey goes";
     EXPECT_EQ(1, vxl_com_wrapper_register(kPathA.c_str(), tooLong.c_str(), "comP"));
     EXPECT_EQ(1, vxl_com_wrapper_register(nullptr, "IVxlWregKeep", "com"));
     EXPECT_EQ(1, vxl_com_wrapper_tryload("IVxlWregKeep", nullptr));
-    EXPECT_FALSE(keyExists(keyOf("IVxlWregKeep", "com")));
+    EXPECT_EQ("", dump(keyOf("IVxlWregKeep", "com")));
     EXPECT_EQ(line("register", kPathA, longest, "comP") + line("unregister", kPathA, longest, "comP") +
                   line("register", kPathA, tooLong, "comP") + "wrapper register failed 0xce\n" +
                   line("register", "(null)", "IVxlWregKeep", "com") + "wrapper register failed 0x57\n" +
@@ -127,15 +100,15 @@ TEST_F(WrapperRegistry, UnregisterRemovesTheFirstValueWithExactlyThePath)
     ASSERT_EQ(0, vxl_com_wrapper_register("C:\\Dir\\Wrapper.dll", "IVxlWregCase", "comS"));
     vxltest::LogTail tail;
     EXPECT_EQ(0, vxl_com_wrapper_unregister(kPathA.c_str(), "IVxlWregKeep", "com"));
-    EXPECT_EQ((Values{{"wrapper-1", kPathB + "|0"}, {"wrapper-2", kPathA + "|0"}}), valuesOf(key));
+    EXPECT_EQ("[" + key + "]\nwrapper-1=" + sz(kPathB) + "wrapper-2=" + sz(kPathA), dump(key));
     EXPECT_EQ(1, vxl_com_wrapper_unregister("c:\\dir\\wrapper.dll", "IVxlWregCase", "comS"));
     EXPECT_EQ(1, vxl_com_wrapper_unregister(kPathA.c_str(), "IVxlWregNoSub", "com"));
     EXPECT_EQ(1, vxl_com_wrapper_unregister(nullptr, "IVxlWregKeep", "com"));
     EXPECT_EQ(1, vxl_com_wrapper_unregister(kPathA.c_str(), "IVxlWregKeep", nullptr));
     EXPECT_EQ(0, vxl_com_wrapper_unregister(kPathB.c_str(), "IVxlWregKeep", "com"));
     EXPECT_EQ(0, vxl_com_wrapper_unregister(kPathA.c_str(), "IVxlWregKeep", "com"));
-    EXPECT_FALSE(keyExists(key));
-    EXPECT_TRUE(keyExists(kBase)) << "only the subkey goes";
+    EXPECT_EQ("", dump(key));
+    EXPECT_NE("", dump(kBase)) << "only the subkey goes";
     EXPECT_EQ(line("unregister", kPathA, "IVxlWregKeep", "com") +
                   line("unregister", "c:\\dir\\wrapper.dll", "IVxlWregCase", "comS") + "wrapper unregister failed(3)\n" +
                   line("unregister", kPathA, "IVxlWregNoSub", "com") + "wrapper unregister failed(2) 0x2\n" +

@@ -1,9 +1,7 @@
-// Tests that must run with tracing off (the way production runs, and the
-// only way the runtime takes its trace-free shortcuts; also the only way a
-// test making a hundred thousand calls stays quick) are written as
-// disabled GoogleTest tests, each run by an enabled twin in a child process
-// whose VXLLOGNAME is unset. The child's GoogleTest output joins this
-// program's, so its failures show (and fail the program) as usual.
+// Tests that must run with tracing off (as in production: the runtime's
+// trace-free shortcuts, and a hundred thousand calls that stay quick) are
+// disabled tests, each run by an enabled twin in a child process whose
+// VXLLOGNAME is unset; the child's output and failures join this program's.
 #pragma once
 
 #include "harness.h"
@@ -16,8 +14,7 @@
 
 namespace quiet {
 
-// Runs the disabled test of that full name ("Suite.DISABLED_Name") in a
-// child with tracing off; its exit code (0: passed).
+// Runs "Suite.DISABLED_Name" in a quiet child; 0 when it passed.
 inline int run(const char *test)
 {
     SetEnvironmentVariableA("VXL_QUIET_TEST", test);
@@ -26,7 +23,6 @@ inline int run(const char *test)
 
 } // namespace quiet
 
-// Defines the enabled twin that runs the disabled test in a quiet child.
 #define QUIET_TEST(suite, name)                                                                    \
     TEST(suite, name) { EXPECT_EQ(0, quiet::run(#suite ".DISABLED_" #name)); }                    \
     TEST(suite, DISABLED_##name)

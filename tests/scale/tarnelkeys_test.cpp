@@ -48,32 +48,31 @@ TEST(TarnelKeys, RowsOfOnePointerAreToldApartByTheirTexts)
     int64_t other[NCOLS] = {8, S(names[0].c_str()), S("com")};
     ASSERT_EQ(TRN_OK, trn_insert(table, other));
 
+    // The caller's own copies of the texts: compared by text, and the row's
+    // own text pointer comes back.
+    std::string first = names[0];
     for (void *index : {byAll, textFirst}) {
         for (int k : {0, 1, 150, 299}) {
-            // The caller's own copies of the texts: compared by text.
             std::string name = names[size_t(k)], type = "com";
             int64_t key[NCOLS] = {7, S(name.c_str()), S(type.c_str())};
             ASSERT_EQ(TRN_OK, trn_select(index, key)) << name;
-            EXPECT_EQ(S(names[size_t(k)].c_str()), key[NAME]) << "the row's own text pointer comes back";
+            EXPECT_EQ(S(names[size_t(k)].c_str()), key[NAME]);
         }
-        std::string first = names[0];
-        int64_t onEight[NCOLS] = {8, S(first.c_str()), S("com")};
+        int64_t onEight[NCOLS] = {8, S(first.c_str()), S("com")}, wrongType[NCOLS] = {7, S(first.c_str()), S("comS")};
+        int64_t prefix[NCOLS] = {7, S("IName1"), S("com")}; // a prefix of IName150 and others
         ASSERT_EQ(TRN_OK, trn_select(index, onEight));
         EXPECT_EQ(8, onEight[PTR]);
-        int64_t wrongType[NCOLS] = {7, S(first.c_str()), S("comS")};
         EXPECT_EQ(TRN_ENOTFOUND, trn_select(index, wrongType));
-        int64_t prefix[NCOLS] = {7, S("IName1"), S("com")}; // a prefix of IName150 and others
         ASSERT_EQ(TRN_OK, trn_select(index, prefix));
         EXPECT_STREQ("IName1", reinterpret_cast<const char *>(prefix[NAME]));
     }
 
     // Deleting one row of pointer 7 leaves its siblings and pointer 8's row.
     std::string victim = names[150];
-    int64_t del[NCOLS] = {7, S(victim.c_str()), S("com")};
-    ASSERT_EQ(TRN_OK, trn_delete(byAll, del));
-    int64_t gone[NCOLS] = {7, S(victim.c_str()), S("com")};
-    EXPECT_EQ(TRN_ENOTFOUND, trn_select(textFirst, gone));
+    int64_t del[NCOLS] = {7, S(victim.c_str()), S("com")}, gone[NCOLS] = {7, S(victim.c_str()), S("com")};
     int64_t sibling[NCOLS] = {7, S(names[151].c_str()), S("com")};
+    ASSERT_EQ(TRN_OK, trn_delete(byAll, del));
+    EXPECT_EQ(TRN_ENOTFOUND, trn_select(textFirst, gone));
     EXPECT_EQ(TRN_OK, trn_select(byAll, sibling));
     EXPECT_EQ(300, trn_rowcount(table));
 }
@@ -87,10 +86,10 @@ TEST(TarnelKeys, KeysOfStringsOnlyAreHashedByText)
     ASSERT_NE(nullptr, byNames);
     const char *types[] = {"com", "comS", "comP"};
     std::vector<std::string> names;
-    for (int k = 0; k < 500; ++k)
-        names.push_back("N" + std::to_string(k));
+    names.reserve(500); // the table keeps pointers to these texts
     for (int k = 0; k < 500; ++k) {
-        int64_t row[NCOLS] = {k, S(names[size_t(k)].c_str()), S(types[k % 3])};
+        names.push_back("N" + std::to_string(k));
+        int64_t row[NCOLS] = {k, S(names.back().c_str()), S(types[k % 3])};
         ASSERT_EQ(TRN_OK, trn_insert(table, row));
     }
     int64_t nulls[NCOLS] = {999, 0, 0}; // a null text is a value of its own
@@ -98,18 +97,16 @@ TEST(TarnelKeys, KeysOfStringsOnlyAreHashedByText)
 
     for (int k : {0, 250, 499}) {
         std::string name = "N" + std::to_string(k), type = types[k % 3];
-        int64_t key[NCOLS] = {-1, S(name.c_str()), S(type.c_str())};
+        int64_t key[NCOLS] = {-1, S(name.c_str()), S(type.c_str())}, byText[NCOLS] = {-1, S(name.c_str()), 0};
+        int64_t wrong[NCOLS] = {-1, S(name.c_str()), S(types[(k + 1) % 3])};
         ASSERT_EQ(TRN_OK, trn_select(byNames, key)) << name;
         EXPECT_EQ(k, key[PTR]);
-        int64_t byText[NCOLS] = {-1, S(name.c_str()), 0};
         ASSERT_EQ(TRN_OK, trn_select(byName, byText));
         EXPECT_EQ(k, byText[PTR]);
-        int64_t wrong[NCOLS] = {-1, S(name.c_str()), S(types[(k + 1) % 3])};
         EXPECT_EQ(TRN_ENOTFOUND, trn_select(byNames, wrong));
     }
-    int64_t nullKey[NCOLS] = {-1, 0, 0};
+    int64_t nullKey[NCOLS] = {-1, 0, 0}, emptyText[NCOLS] = {-1, S(""), S("")};
     ASSERT_EQ(TRN_OK, trn_select(byNames, nullKey));
     EXPECT_EQ(999, nullKey[PTR]);
-    int64_t emptyText[NCOLS] = {-1, S(""), S("")};
     EXPECT_EQ(TRN_ENOTFOUND, trn_select(byNames, emptyText)) << "an empty text is not a null one";
 }
