@@ -64,6 +64,11 @@ public:
     {
         return V_VT(r) = VT_ARRAY | VT_VARIANT, V_ARRAY(r) = variants({i4(n), bstr(L"pair")}), S_OK;
     }
+    std::wstring ticks;
+    HRESULT STDMETHODCALLTYPE Tick(int n, BSTR text) override
+    {
+        return ticks += std::to_wstring(n) + L" " + (text ? text : L"") + L";", S_OK;
+    }
 };
 
 ULONG refs(IUnknown *object) { return object->AddRef(), object->Release(); }
@@ -282,6 +287,14 @@ TEST_F(Automation, EventsReachEachSinkByItsOwnDispidFromTheCallersArguments)
     EXPECT_EQ("", log.text());
     EXPECT_EQ(E_FAIL, fire("INotRegistered", {&renumbered}, args));
     EXPECT_EQ(5, renumbered.calls.at(2).dispid);
+
+    // A C++ sink on oleaut32's standard dispatch, which numbers Tick its own
+    // way, beside one that knows no names.
+    Callee sink;
+    std::vector<VARIANT> tick = {bstr(L"hi"), i4(4)};
+    EXPECT_EQ(S_OK, fire("ICallee", {sink.dispatch, &unnamed, sink.dispatch}, tick));
+    EXPECT_EQ(L"4 hi;4 hi;", sink.ticks);
+    VariantClear(&tick[0]);
 }
 
 } // namespace
