@@ -142,22 +142,14 @@ RegistrationNode *nodeOf(vxl_comregistration *record)
     return reinterpret_cast<RegistrationNode *>(record);
 }
 
-// A null array counts as an empty one: the runtime does not validate what a
-// library hands in, but it must not fall over it either.
-int32_t countInterfaces(const vxl_comifinfo *const *interfaces)
+// Entries of a null-terminated array of records. A null array counts as an
+// empty one: the runtime does not validate what a library hands in, but it
+// must not fall over it either.
+template <class Record> int32_t countEntries(const Record *const *records)
 {
     int32_t n = 0;
-    if (interfaces)
-        while (interfaces[n] && n < INT32_MAX)
-            ++n;
-    return n;
-}
-
-int32_t countComponents(const vxl_comcomponentinfo *const *components)
-{
-    int32_t n = 0;
-    if (components)
-        while (components[n] && n < INT32_MAX)
+    if (records)
+        while (records[n] && n < INT32_MAX)
             ++n;
     return n;
 }
@@ -242,7 +234,7 @@ void releaseCache(ITypeInfo **cache, int32_t n)
 RegistrationNode *newRegistration(const vxl_comcomponentinfo *const *components,
                                   const vxl_comifinfo *const *interfaces, int32_t ninterfaces)
 {
-    int32_t ncomponents = countComponents(components);
+    int32_t ncomponents = countEntries(components);
     int32_t named = countNamedInterfaces(interfaces, ninterfaces);
     int32_t namedComponents = 0;
     for (int32_t c = 0; c < ncomponents; ++c)
@@ -308,7 +300,7 @@ int32_t vxl_com_register(const vxl_comlibinfo *library, const vxl_comcomponentin
     // Out of kit memory the call changes nothing and still answers 0, the only
     // status it has: the library's entries are simply not found later, and its
     // vxl_com_unregister answers 1. The list never holds a half-made record.
-    int32_t n = countInterfaces(interfaces);
+    int32_t n = countEntries(interfaces);
     RegistrationNode *node = newRegistration(components, interfaces, n);
     if (!node)
         return VXL_OK;
