@@ -19,7 +19,7 @@
 #include "comserver/comserver.h"
 #include "core/kit.h"
 #include "vexal.h"
-#include "wrapperbase.h"
+#include "kitwrapper.h"
 
 #include <windows.h>
 

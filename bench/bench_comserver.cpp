@@ -6,7 +6,6 @@
 // its own lookup, the class object's CreateInstance and the COM wrapper.
 // Tracing is off. Ratios are against the kit path, measured in the same run.
 #include "benchtime.h"
-#include "calculator.h"
 #include "vexal.h"
 #include "vxsample.h"
 
@@ -51,15 +50,15 @@ int main(int argc, char **argv)
     };
     auto classObject = [&](int64_t n) {
         for (int64_t i = 0; i < n; ++i) {
-            IVxCalculator *calc = nullptr;
-            failed |= FAILED(classobject->CreateInstance(nullptr, IID_IVxCalculator, reinterpret_cast<void **>(&calc)));
+            ICalculator_com *calc = nullptr;
+            failed |= FAILED(classobject->CreateInstance(nullptr, IID_ICalculator_com, reinterpret_cast<void **>(&calc)));
             calc->Release();
         }
     };
     auto com = [&](int64_t n) {
         for (int64_t i = 0; i < n; ++i) {
-            IVxCalculator *calc = nullptr;
-            failed |= FAILED(CoCreateInstance(CLSID_Calculator, nullptr, CLSCTX_INPROC_SERVER, IID_IVxCalculator,
+            ICalculator_com *calc = nullptr;
+            failed |= FAILED(CoCreateInstance(CLSID_Calculator, nullptr, CLSCTX_INPROC_SERVER, IID_ICalculator_com,
                                               reinterpret_cast<void **>(&calc)));
             calc->Release();
         }

@@ -9,13 +9,14 @@
 //
 // The COM wrappers of its interfaces live in vxsample.dll, their wrapper
 // library, so vxsample.dll must be registered as well.
-#include "calculator.h"
+#include "vxsample_vexal.h"
 #include "vxsampleserver.h"
 
 #include <windows.h>
 
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <string>
 
 namespace {
@@ -27,7 +28,7 @@ bool g_served = false;
 // The shared component, counted so that the server knows when to stop.
 int32_t create(void **implslot, vxl_if primary)
 {
-    int32_t status = vxsample_createcalculator(implslot, primary);
+    int32_t status = VexalSample::Calculator_createimpl(implslot, primary);
     if (status == VXL_OK) {
         InterlockedIncrement(&g_objects);
         g_served = true;
@@ -37,14 +38,16 @@ int32_t create(void **implslot, vxl_if primary)
 
 int32_t destroy(void *impl, vxl_if primary)
 {
-    int32_t status = vxsample_destroycalculator(impl, primary);
+    int32_t status = VexalSample::Calculator_destroyimpl(impl, primary);
     if (InterlockedDecrement(&g_objects) == 0)
         PostThreadMessageA(g_mainthread, WM_QUIT, 0, 0);
     return status;
 }
 
-const vxl_componentdef remoteClass = {"VexalSample.RemoteCalculator", 2, vxsample_calculatorinterfaces, create,
-                                      destroy, nullptr};
+// The generated parts of vxsample's Calculator under a class record of the server's own.
+const vxl_componentdef remoteClass = {"VexalSample.RemoteCalculator",
+                                      static_cast<int32_t>(std::size(VexalSample::Calculator_interfaces)),
+                                      VexalSample::Calculator_interfaces, create, destroy, nullptr};
 const vxl_componentdef *const kitComponents[] = {&remoteClass, nullptr};
 
 const vxl_comlibinfo library = {"vxsampleserver.exe", LIBID_VexalSampleServer};
@@ -107,7 +110,7 @@ int main(int argc, char **argv)
     if (hasSwitch(argc, argv, "Embedding"))
         traceApartFromClient();
     vxl_init();
-    vxl_register("vxsampleserver", kitComponents, vxsample_interfaces);
+    vxl_register("vxsampleserver", kitComponents, VexalSample::interfaces);
     vxl_com_register(&library, comComponents, noInterfaces);
 
     int status;
@@ -120,7 +123,7 @@ int main(int argc, char **argv)
         status = serve();
 
     vxl_com_unregister(&library, comComponents, noInterfaces);
-    vxl_unregister(kitComponents, vxsample_interfaces);
+    vxl_unregister(kitComponents, VexalSample::interfaces);
     vxl_com_uninit();
     return status;
 }

@@ -2,10 +2,10 @@
 // and cscript, and by kit clients that create COM objects by ProgID:
 // in-process, through "CurVer", from the local server, and proxy class
 // names that load their wrapper library.
-#include "calculator.h"
 #include "comserver_support.h"
 #include "harness.h"
 #include "vexal.h"
+#include "vxsample_vexal.h"
 
 #include <gtest/gtest.h>
 #include <windows.h>
@@ -21,7 +21,7 @@ using vxltest::dumpKey;
 using vxltest::runProgram;
 
 const char kCalculator[] = "{3D77196A-91F6-41D3-A8B7-D63497C879BC}";
-const char kCPCalculator[] = "{6BC3821B-8673-458A-91FA-AC69A3802279}";
+const char kCPCalculator[] = "{A1E34E6A-AB43-400A-859B-8C0628816764}";
 const char kRemote[] = "{E18B0265-D9B1-4EF1-A5B0-76E36A01FB39}";
 
 std::string inBin(const char *file)
@@ -42,7 +42,7 @@ std::string sampleRegistry()
                             "Interface\\{057F99EE-538B-4E2A-A86F-DBC0009BF4CE}",
                             "Interface\\{5E1CB195-AB43-400A-859B-8C0628816764}"})
         all += dumpKey(HKEY_CLASSES_ROOT, key);
-    for (const char *key : {"ICalculator-com", "ICalculator-comS", "IGreeter-comS"})
+    for (const char *key : {"ICalculator-com", "ICalculator-comS", "IGreeter-comS", "ICalculatorEvents-comS"})
         all += dumpKey(HKEY_LOCAL_MACHINE, std::string("SOFTWARE\\Quelt\\vexa\\interfaces\\") + key);
     return all;
 }
@@ -81,14 +81,14 @@ std::string creationLines(const std::string &log)
 void expectSum(vxl_if calc)
 {
     int32_t sum = 0;
-    EXPECT_EQ(VXL_OK, VXL_METHOD(calc, VXSAMPLE_ADD, vxsample_add_slot)(calc, 2, 40, &sum));
+    EXPECT_EQ(VXL_OK, VexalSample::ICalculator_Add(calc, 2, 40, &sum));
     EXPECT_EQ(42, sum);
 }
 
 void expectGreeting(vxl_if greeter)
 {
     char *text = nullptr;
-    EXPECT_EQ(VXL_OK, VXL_METHOD(greeter, VXSAMPLE_GREET, vxsample_greet_slot)(greeter, "kit", &text));
+    EXPECT_EQ(VXL_OK, VexalSample::IGreeter_Greet(greeter, "kit", &text));
     EXPECT_STREQ("Hello, kit!", text);
     vxl_free(text);
 }
@@ -220,9 +220,9 @@ TEST_F(RegisteredSample, KitClientGetsProxiesFromTheLocalServer)
     // Each call crosses to the server process and back, errors included.
     expectSum(calc);
     int32_t sum = 0;
-    EXPECT_EQ(VXSAMPLE_E_OVERFLOW, VXL_METHOD(calc, VXSAMPLE_ADD, vxsample_add_slot)(calc, INT_MAX, 1, &sum));
+    EXPECT_EQ(-1, VexalSample::ICalculator_Add(calc, INT_MAX, 1, &sum));
     double scaled = 0;
-    EXPECT_EQ(VXL_OK, VXL_METHOD(calc, VXSAMPLE_SCALE, vxsample_scale_slot)(calc, 1.5, 2.5, &scaled));
+    EXPECT_EQ(VXL_OK, VexalSample::ICalculator_Scale(calc, 1.5, 2.5, &scaled));
     EXPECT_EQ(3.75, scaled);
     expectGreeting(greeter);
     vxl_decref(greeter);

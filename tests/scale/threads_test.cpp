@@ -8,7 +8,7 @@
 #include "core/readgate.h"
 #include "core/threadstate.h"
 #include "quiet.h"
-#include "wrapperbase.h"
+#include "kitwrapper.h"
 
 #include <atomic>
 #include <set>
