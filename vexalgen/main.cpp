@@ -35,6 +35,17 @@ bool sameContent(const std::string &path, const std::string &text)
     return content.str() == text;
 }
 
+// A damaged type library can take oleaut32's reader down; nothing has been
+// written at that point, so the run ends with the same clear error as any
+// other bad input.
+const char *g_input = "";
+LONG WINAPI damagedInput(EXCEPTION_POINTERS *)
+{
+    fprintf(stderr, "vexalgen: %s: cannot read the type library: it is damaged\n", g_input);
+    fflush(stderr);
+    ExitProcess(1);
+}
+
 struct Pending {
     std::string path, temporary, text;
 };
@@ -96,6 +107,8 @@ int main(int argc, char **argv)
         out.stem.resize(dot);
     out.module = module.empty() ? out.stem + ".dll" : module;
 
+    g_input = input.c_str();
+    SetUnhandledExceptionFilter(damagedInput);
     CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
     vexalgen::Library library;
     std::string error;

@@ -7,6 +7,9 @@
 #include <oleauto.h>
 
 #include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <set>
@@ -532,6 +535,45 @@ bool Reader::readCoclass(ITypeInfo *info)
     return true;
 }
 
+// A type library file as widl writes it (MSFT): a header, the offsets of the
+// type descriptions, then a directory of 15 segments, each offset and length
+// within the file. Checked before oleaut32 reads it, which trusts them:
+//
+//   0x00  "MSFT", version, ...            21 32-bit words
+//   0x20  number of type descriptions     (word 8)
+//   0x0c  flags; 0x100: one more word     (word 3)
+//   0x54  [help DLL word] offsets[count] segments[15] {offset, length, 2 reserved}
+bool checkFile(const std::string &path, std::string &error)
+{
+    std::ifstream in(path, std::ios::binary);
+    if (!in) {
+        error = "cannot open the type library";
+        return false;
+    }
+    std::vector<char> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    auto word = [&bytes](size_t index, int32_t &value) {
+        if ((index + 1) * 4 > bytes.size())
+            return false;
+        memcpy(&value, &bytes[index * 4], 4);
+        return true;
+    };
+    int32_t magic = 0, flags = 0, count = 0;
+    if (!word(0, magic) || magic != 0x5446534d || !word(3, flags) || !word(8, count)) {
+        error = "not a type library (widl -t writes one)";
+        return false;
+    }
+    size_t directory = 21 + ((flags & 0x100) ? 1 : 0) + static_cast<uint32_t>(count);
+    for (size_t segment = 0; segment < 15; ++segment) {
+        int32_t offset = 0, length = 0;
+        if (count < 0 || !word(directory + segment * 4, offset) || !word(directory + segment * 4 + 1, length) ||
+            (offset != -1 && (offset < 0 || length < 0 || static_cast<size_t>(offset) + length > bytes.size()))) {
+            error = "cannot read the type library: it is damaged (truncated?)";
+            return false;
+        }
+    }
+    return true;
+}
+
 } // namespace
 
 bool readTypeLibrary(const std::string &path, Library &library, std::string &error)
@@ -539,6 +581,8 @@ bool readTypeLibrary(const std::string &path, Library &library, std::string &err
     std::wstring wide(path.size() + 1, L'\0');
     int n = MultiByteToWideChar(CP_ACP, 0, path.c_str(), -1, &wide[0], static_cast<int>(wide.size()));
     wide.resize(n > 0 ? n - 1 : 0);
+    if (!checkFile(path, error))
+        return false;
     ITypeLib *lib = nullptr;
     HRESULT hr = LoadTypeLibEx(wide.c_str(), REGKIND_NONE, &lib);
     if (FAILED(hr)) {
