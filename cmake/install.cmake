@@ -6,7 +6,9 @@
 #   lib/vexal.dll.a, lib/tarnel.dll.a       mingw-w64 import libraries
 #   lib/vexal.def                           for making an import library with
 #                                           another toolchain (lib /def:vexal.def)
-#   lib/cmake/vexal/                        find_package(vexal): vexal::vexal
+#   bin/vexalgen.exe                        the generator of component libraries
+#   lib/cmake/vexal/                        find_package(vexal): vexal::vexal,
+#                                           vexal::vexalgen, vexal_add_component()
 #
 # The folders are fixed: vexalConfig.cmake finds the files by these names.
 include(CMakePackageConfigHelpers)
@@ -25,11 +27,13 @@ install(TARGETS vexal RUNTIME DESTINATION bin ARCHIVE DESTINATION lib)
 if(TARGET tarnel)
   install(TARGETS tarnel RUNTIME DESTINATION bin ARCHIVE DESTINATION lib)
 endif()
+install(TARGETS vexalgen RUNTIME DESTINATION bin)
 install(FILES ${CMAKE_SOURCE_DIR}/include/vexal.h DESTINATION include)
 install(FILES ${VEXAL_DEF_FILE} DESTINATION lib)
 
 set(VEXAL_PACKAGE_VERSION 1.0.0)
 write_basic_package_version_file(${CMAKE_BINARY_DIR}/cmake/vexalConfigVersion.cmake
   VERSION ${VEXAL_PACKAGE_VERSION} COMPATIBILITY SameMajorVersion)
-install(FILES ${CMAKE_CURRENT_LIST_DIR}/vexalConfig.cmake ${CMAKE_BINARY_DIR}/cmake/vexalConfigVersion.cmake
+install(FILES ${CMAKE_CURRENT_LIST_DIR}/vexalConfig.cmake ${CMAKE_CURRENT_LIST_DIR}/vexalgen.cmake
+  ${CMAKE_BINARY_DIR}/cmake/vexalConfigVersion.cmake
   DESTINATION lib/cmake/vexal)

@@ -16,6 +16,14 @@
 # the system IDL files and stdole2.tlb.
 include_guard(GLOBAL)
 
+# The generated code is C++ and the type library a resource.
+get_property(_vexal_languages GLOBAL PROPERTY ENABLED_LANGUAGES)
+foreach(language CXX RC)
+  if(NOT language IN_LIST _vexal_languages)
+    enable_language(${language})
+  endif()
+endforeach()
+
 find_program(VEXAL_WIDL NAMES x86_64-w64-mingw32-widl widl REQUIRED)
 find_path(VEXAL_WINE_IDL_DIR oaidl.idl PATHS /usr/include/wine/wine/windows NO_CMAKE_FIND_ROOT_PATH)
 find_path(VEXAL_STDOLE2_DIR stdole2.tlb
@@ -65,4 +73,9 @@ function(vexal_add_component target)
     ${out}/${stem}_typelib.rc)
   target_include_directories(${target} PUBLIC ${out})
   target_link_libraries(${target} PRIVATE ${runtime} ole32 oleaut32 uuid)
+  target_compile_features(${target} PRIVATE cxx_std_17)
+  if(MINGW)
+    # The GCC and C++ runtimes go into the DLL, so it needs only Windows' DLLs.
+    target_link_options(${target} PRIVATE -static)
+  endif()
 endfunction()

@@ -607,6 +607,8 @@ void writeSource(const Library &library, Output &out)
          "        // keep pointers into this module.\n"
          "        " + lib + "::unregisterlibrary();\n"
          "    }\n    return TRUE;\n}\n\n"
+         "// For vxl_loaddynamiclibrary: the tables were registered as the library loaded.\n"
+         "extern \"C\" int32_t vxl_dll_init(void)\n{\n    return VXL_OK;\n}\n\n"
          "STDAPI DllGetClassObject(REFCLSID clsid, REFIID iid, void **out)\n{\n"
          "    return vxl_com_getclassobject(&clsid, &iid, out);\n}\n\n"
          "STDAPI DllCanUnloadNow(void)\n{\n    return " + lib + "::libraryinuse() ? S_FALSE : S_OK;\n}\n\n"

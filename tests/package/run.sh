@@ -10,13 +10,14 @@ here=$(cd "$(dirname "$0")" && pwd)
 work=$build/package-test
 
 rm -rf "$work"
+# In the build's own Wine prefix, which the other tests have made already:
+# the generator runs in it at build time, the clients afterwards.
+export VEXAL_BUILD_ROOT=$build
 cmake --install "$build" --prefix "$work/prefix" >/dev/null
 cmake -S "$here/consumer" -B "$work/build" -DCMAKE_TOOLCHAIN_FILE="$toolchain" \
   -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
 cmake --build "$work/build"
 
-# In the build's own Wine prefix, which the other tests have made already.
-export VEXAL_BUILD_ROOT=$build
 for client in doubler_client doubler_client_def; do
   "$here/../../cmake/wine-run.sh" "$work/build/$client.exe"
 done

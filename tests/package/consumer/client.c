@@ -21,6 +21,6 @@ int main(void)
     int32_t result = 0xdeadbeef;
     status = VXL_METHOD(doubler, 0, twice_slot)(doubler, 21, &result);
     vxl_decref(doubler);
-    printf("IDoubler.twice(21) = %d, status %d\n", (int)result, (int)status);
+    printf("IDoubler.Twice(21) = %d, status %d\n", (int)result, (int)status);
     return status == VXL_OK && result == 42 ? 0 : 1;
 }
