@@ -54,12 +54,14 @@ trap '[ $registered = 0 ] || unregister >/dev/null 2>&1' EXIT
 cat <<'EOF'
 vexal demo
 ==========
-The sample component library vxsample.dll (examples/comserver) describes
-the kit class "VexalSample.Calculator", with the interfaces ICalculator and
-IGreeter, in static tables. It is also an in-process COM server of that
-class and the wrapper library of both interfaces. vxsampleserver.exe serves
-the same component as "VexalSample.RemoteCalculator" from a process of its
-own.
+The sample component library vxsample.dll (examples/comserver) is one IDL
+file and one C++ class: vexalgen generated the rest from the IDL's type
+library (the kit tables of the class "VexalSample.Calculator" and its
+interfaces ICalculator and IGreeter, the COM wrappers and kit proxies of
+every form, and the entry points). So the DLL is an in-process COM server of
+the class and the wrapper library of its interfaces. vxsampleserver.exe
+serves the same component as "VexalSample.RemoteCalculator" from a process of
+its own.
 EOF
 echo "Whole trace logs: $PWD/$traces"
 echo
@@ -75,7 +77,7 @@ echo "  is recorded as the wrapper library of ICalculator and IGreeter."
 echo
 
 echo "[2] A kit client creates \"VexalSample.Calculator\" by name and calls it"
-echo "  (examples/client/calc_client.c)"
+echo "  (examples/client/calc_client.cpp)"
 run client.log calc_client.exe VexalSample.Calculator || fail "calc_client VexalSample.Calculator"
 road client.log calc_client.exe '^vxl_com_register$' '^vxl_com_getclassobject' '^createclassfactory ' '^encapsulate' \
   '^getinterface\(.*, I'
@@ -85,7 +87,7 @@ cat <<'EOF'
   which registered its kit class as it loaded (vxl_com_register). The class
   factory was built once; then the object was made (encapsulate) and every
   call went from a slot through a generated stub straight into the
-  component's function, with no COM in between.
+  component's method, with no COM in between.
 
 EOF
 
@@ -98,8 +100,11 @@ cat <<'EOF'
   COM called vxsample.dll's DllGetClassObject, which handed the request to
   the runtime: its class object (CFactory) made the kit object and wrapped
   ICalculator for COM ("com"), and the script's IDispatch queries got the
-  dual form ("comS"). The script's sink object was called for the Overflow
-  event by name, through the type information of ICalculator's events.
+  dual form ("comS"), whose generated IDispatch read each argument with the
+  runtime's variant functions. The component kept the script's sink behind
+  a kit proxy and called its Overflow event like any kit method; the proxy
+  delivered it by name, through the type information of ICalculator's
+  events.
   When the script let go, each COM wrapper removed its row and released
   the kit object.
 
