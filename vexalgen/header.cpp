@@ -27,15 +27,18 @@ void writeHeader(const Library &library, Output &out)
         h += std::string(itf.name.size() < 60 ? 60 - itf.name.size() : 4, '-') + "\n\n";
         h += "// As a component implements it.\nclass " + itf.name + " {\npublic:\n";
         for (const KitMethod &m : itf.methods)
-            h += "    virtual int32_t " + m.name + "(" + kitParams(m, true) + ") = 0;\n";
+            h += fit("    ", "virtual int32_t " + m.name + "(", kitParams(m, true), ") = 0;") + "\n";
         h += "\nprotected:\n    ~" + itf.name + "() = default;\n};\n\n";
         h += "// As a kit client calls it: method j is slot 4 + j.\n";
         for (size_t j = 0; j < itf.methods.size(); ++j) {
             const KitMethod &m = itf.methods[j];
             std::string params = kitParams(m, true), types = kitParams(m, false), args = kitArgs(m);
-            h += "inline int32_t " + itf.name + "_" + m.name + "(vxl_if self" + (params.empty() ? "" : ", " + params) +
-                 ")\n{\n    return VXL_METHOD(self, " + std::to_string(j) + ", int32_t (*)(vxl_if" +
-                 (types.empty() ? "" : ", " + types) + "))(self" + (args.empty() ? "" : ", " + args) + ");\n}\n";
+            h += fit("", "inline int32_t " + itf.name + "_" + m.name + "(", "vxl_if self" + (params.empty() ? "" : ", " + params),
+                     ")") +
+                 "\n{\n    using slot = int32_t (*)(vxl_if" + (types.empty() ? "" : ", " + types) + ");\n" +
+                 fit("    ", "return VXL_METHOD(self, " + std::to_string(j) + ", slot)(", "self" + (args.empty() ? "" : ", " + args),
+                     ");") +
+                 "\n}\n";
         }
         h += "extern const vxl_interfacedef " + itf.name + "_def;\n";
     }

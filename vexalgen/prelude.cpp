@@ -82,50 +82,68 @@ struct SafeArray {
 // ---- arrays: one template over the five kinds ------------------------------------------
 
 template <int Type> struct Kind;
-template <> struct Kind<VXL_TYPE_INT> {
-    using T = int32_t;
-    static SAFEARRAY *typed(const T *a, int32_t n, const char *, const char *) { return vxl_com_createintsafearray(a, n); }
-    static SAFEARRAY *variants(const T *a, int32_t n, const char *, const char *) { return vxl_com_createvariantintsafearray(a, n); }
-    static T *fromsafearray(SAFEARRAY *sa, int32_t n, const char *, const char *) { return vxl_com_createintarrayfromsafearray(sa, n); }
-    static T *fromvariant(const VARIANT *v, int32_t n, const char *, const char *) { return vxl_com_copyintarrayfromvariantsafearrayvariant(v, n); }
-    static void tovariant(VARIANT *v, const T *a, int32_t n, const char *, const char *) { vxl_com_copyintarraytovariantsafearrayvariant(v, a, n); }
-    static void release(T *a, int32_t) { vxl_free(a); }
-};
-template <> struct Kind<VXL_TYPE_FLOAT> {
-    using T = float;
-    static SAFEARRAY *typed(const T *a, int32_t n, const char *, const char *) { return vxl_com_createfloatsafearray(a, n); }
-    static SAFEARRAY *variants(const T *a, int32_t n, const char *, const char *) { return vxl_com_createvariantfloatsafearray(a, n); }
-    static T *fromsafearray(SAFEARRAY *sa, int32_t n, const char *, const char *) { return vxl_com_createfloatarrayfromsafearray(sa, n); }
-    static T *fromvariant(const VARIANT *v, int32_t n, const char *, const char *) { return vxl_com_copyfloatarrayfromvariantsafearrayvariant(v, n); }
-    static void tovariant(VARIANT *v, const T *a, int32_t n, const char *, const char *) { vxl_com_copyfloatarraytovariantsafearrayvariant(v, a, n); }
-    static void release(T *a, int32_t) { vxl_free(a); }
-};
-template <> struct Kind<VXL_TYPE_DOUBLE> {
-    using T = double;
-    static SAFEARRAY *typed(const T *a, int32_t n, const char *, const char *) { return vxl_com_createdoublesafearray(a, n); }
-    static SAFEARRAY *variants(const T *a, int32_t n, const char *, const char *) { return vxl_com_createvariantdoublesafearray(a, n); }
-    static T *fromsafearray(SAFEARRAY *sa, int32_t n, const char *, const char *) { return vxl_com_createdoublearrayfromsafearray(sa, n); }
-    static T *fromvariant(const VARIANT *v, int32_t n, const char *, const char *) { return vxl_com_copydoublearrayfromvariantsafearrayvariant(v, n); }
-    static void tovariant(VARIANT *v, const T *a, int32_t n, const char *, const char *) { vxl_com_copydoublearraytovariantsafearrayvariant(v, a, n); }
-    static void release(T *a, int32_t) { vxl_free(a); }
-};
-template <> struct Kind<VXL_TYPE_STRING> {
-    using T = char *;
-    static SAFEARRAY *typed(const T *a, int32_t n, const char *, const char *) { return vxl_com_createstringsafearray(a, n); }
-    static SAFEARRAY *variants(const T *a, int32_t n, const char *, const char *) { return vxl_com_createvariantstringsafearray(a, n); }
-    static T *fromsafearray(SAFEARRAY *sa, int32_t n, const char *, const char *) { return vxl_com_createstringarrayfromsafearray(sa, n); }
-    static T *fromvariant(const VARIANT *v, int32_t n, const char *, const char *) { return vxl_com_copystringarrayfromvariantsafearrayvariant(v, n); }
-    static void tovariant(VARIANT *v, const T *a, int32_t n, const char *, const char *) { vxl_com_copystringarraytovariantsafearrayvariant(v, a, n); }
-    static void release(T *a, int32_t n) { if (a) vxl_freestringarray(a, n); }
-};
+
+// The runtime's functions for one element kind: typed safe arrays, safe
+// arrays of VARIANTs, and VARIANTs holding those.
+#define VXG_KIND(code, element, word, freearray)                                                        \
+    template <> struct Kind<code> {                                                                     \
+        using T = element;                                                                               \
+        static SAFEARRAY *typed(const T *a, int32_t n, const char *, const char *)                      \
+        {                                                                                                \
+            return vxl_com_create##word##safearray(a, n);                                                \
+        }                                                                                                \
+        static SAFEARRAY *variants(const T *a, int32_t n, const char *, const char *)                   \
+        {                                                                                                \
+            return vxl_com_createvariant##word##safearray(a, n);                                         \
+        }                                                                                                \
+        static T *fromsafearray(SAFEARRAY *sa, int32_t n, const char *, const char *)                   \
+        {                                                                                                \
+            return vxl_com_create##word##arrayfromsafearray(sa, n);                                      \
+        }                                                                                                \
+        static T *fromvariant(const VARIANT *v, int32_t n, const char *, const char *)                  \
+        {                                                                                                \
+            return vxl_com_copy##word##arrayfromvariantsafearrayvariant(v, n);                           \
+        }                                                                                                \
+        static void tovariant(VARIANT *v, const T *a, int32_t n, const char *, const char *)            \
+        {                                                                                                \
+            vxl_com_copy##word##arraytovariantsafearrayvariant(v, a, n);                                 \
+        }                                                                                                \
+        static void release(T *a, int32_t n) { freearray; }                                             \
+    };
+VXG_KIND(VXL_TYPE_INT, int32_t, int, vxl_free(a))
+VXG_KIND(VXL_TYPE_FLOAT, float, float, vxl_free(a))
+VXG_KIND(VXL_TYPE_DOUBLE, double, double, vxl_free(a))
+VXG_KIND(VXL_TYPE_STRING, char *, string, if (a) vxl_freestringarray(a, n))
+#undef VXG_KIND
+
+// Interfaces cross with their kit name and form.
 template <> struct Kind<VXL_TYPE_INTERFACE> {
     using T = vxl_if;
-    static SAFEARRAY *typed(const T *a, int32_t n, const char *ifname, const char *wtype) { return vxl_com_createinterfacesafearray(a, n, ifname, wtype); }
-    static SAFEARRAY *variants(const T *a, int32_t n, const char *ifname, const char *wtype) { return vxl_com_createvariantinterfacesafearray(a, n, ifname, wtype); }
-    static T *fromsafearray(SAFEARRAY *sa, int32_t n, const char *ifname, const char *wtype) { return vxl_com_createinterfacearrayfromsafearray(sa, n, ifname, wtype); }
-    static T *fromvariant(const VARIANT *v, int32_t n, const char *ifname, const char *wtype) { return vxl_com_copyinterfacearrayfromvariantsafearrayvariant(v, n, ifname, wtype); }
-    static void tovariant(VARIANT *v, const T *a, int32_t n, const char *ifname, const char *wtype) { vxl_com_copyinterfacearraytovariantsafearrayvariant(v, a, n, ifname, wtype); }
-    static void release(T *a, int32_t n) { if (a) vxl_freeinterfacearray(a, n); }
+    static SAFEARRAY *typed(const T *a, int32_t n, const char *ifname, const char *wtype)
+    {
+        return vxl_com_createinterfacesafearray(a, n, ifname, wtype);
+    }
+    static SAFEARRAY *variants(const T *a, int32_t n, const char *ifname, const char *wtype)
+    {
+        return vxl_com_createvariantinterfacesafearray(a, n, ifname, wtype);
+    }
+    static T *fromsafearray(SAFEARRAY *sa, int32_t n, const char *ifname, const char *wtype)
+    {
+        return vxl_com_createinterfacearrayfromsafearray(sa, n, ifname, wtype);
+    }
+    static T *fromvariant(const VARIANT *v, int32_t n, const char *ifname, const char *wtype)
+    {
+        return vxl_com_copyinterfacearrayfromvariantsafearrayvariant(v, n, ifname, wtype);
+    }
+    static void tovariant(VARIANT *v, const T *a, int32_t n, const char *ifname, const char *wtype)
+    {
+        vxl_com_copyinterfacearraytovariantsafearrayvariant(v, a, n, ifname, wtype);
+    }
+    static void release(T *a, int32_t n)
+    {
+        if (a)
+            vxl_freeinterfacearray(a, n);
+    }
 };
 
 // A kit array and its length, owned for the length of a call.

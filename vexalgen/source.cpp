@@ -257,23 +257,21 @@ void writeDefinitions(const KitInterface &itf, std::string &s)
                  "};\n";
         }
         if (!m.params.empty()) {
-            s += "const vxl_paramdef *const " + id + "_params[] = {";
+            std::string items;
             for (size_t i = 0; i < m.params.size(); ++i)
-                s += (i ? ", &" : "&") + id + "_" + m.params[i].name;
-            s += "};\n";
+                items += (i ? ", &" : "&") + id + "_" + m.params[i].name;
+            s += fit("", "const vxl_paramdef *const " + id + "_params[] = {", items, "};") + "\n";
         }
         s += "const vxl_methoddef " + id + "_method = {" + quoted(m.name) + ", " + std::to_string(m.params.size()) +
              ", " + (m.params.empty() ? "nullptr" : id + "_params") + "};\n";
     }
     if (!itf.methods.empty()) {
-        s += "const vxl_methoddef *const " + itf.name + "_methods[] = {";
+        std::string items;
         for (size_t j = 0; j < itf.methods.size(); ++j)
-            s += (j ? ", &" : "&") + methodId(itf, itf.methods[j]) + "_method";
-        s += "};\n";
+            items += (j ? ", &" : "&") + methodId(itf, itf.methods[j]) + "_method";
+        s += fit("", "const vxl_methoddef *const " + itf.name + "_methods[] = {", items, "};") + "\n";
     }
-    s += "} // namespace\nconst vxl_interfacedef " + itf.name + "_def = {" + quoted(itf.name) + ", " +
-         std::to_string(itf.methods.size()) + ", " + (itf.methods.empty() ? "nullptr" : itf.name + "_methods") +
-         "};\nnamespace {\n\n";
+    s += "\n";
 }
 
 // One kit function per method and a method table, for a component or a proxy class.
@@ -294,20 +292,23 @@ void writeComponent(const Library &library, const Coclass &c, std::string &s)
         const KitInterface &itf = library.interfaces[index];
         std::string prefix = c.idl + "_" + itf.name;
         for (const KitMethod &m : itf.methods) {
-            s += "int32_t " + prefix + "_" + m.name + "(void *impl" +
-                 (m.params.empty() ? "" : ", " + kitParams(m, true)) + ")\n{\n    try {\n        return static_cast<" +
-                 itf.name + " *>(static_cast<" + c.idl + " *>(impl))->" + m.name + "(" + kitArgs(m) +
-                 ");\n    } catch (...) {\n        return vxg::caught();\n    }\n}\n";
+            s += fit("", "int32_t " + prefix + "_" + m.name + "(", "void *impl" + (m.params.empty() ? "" : ", " + kitParams(m, true)), ")") +
+                 "\n{\n    try {\n" +
+                 fit("        ", "return static_cast<" + itf.name + " *>(static_cast<" + c.idl + " *>(impl))->" + m.name + "(",
+                     kitArgs(m), ");") +
+                 "\n    } catch (...) {\n        return vxg::caught();\n    }\n}\n";
         }
         writeFunctionTable(prefix, itf, s);
         s += "const vxl_componentinterface " + prefix + "_entry = {&" + itf.name + "_def, " +
              (itf.methods.empty() ? "nullptr" : prefix + "_functions") + "};\n\n";
     }
-    s += "} // namespace\n\nconst vxl_componentinterface *const " + c.idl + "_interfaces[" +
-         std::to_string(c.interfaces.size()) + "] = {";
+    std::string entries;
     for (size_t i = 0; i < c.interfaces.size(); ++i)
-        s += (i ? ", &" : "&") + c.idl + "_" + library.interfaces[c.interfaces[i]].name + "_entry";
-    s += "};\n\n"
+        entries += (i ? ", &" : "&") + c.idl + "_" + library.interfaces[c.interfaces[i]].name + "_entry";
+    s += "} // namespace\n\n" +
+         fit("", "const vxl_componentinterface *const " + c.idl + "_interfaces[" + std::to_string(c.interfaces.size()) + "] = {",
+             entries, "};") +
+         "\n\n"
          "int32_t " + c.idl + "_createimpl(void **implslot, vxl_if primary)\n{\n"
          "    " + c.idl + " *impl = nullptr;\n"
          "    try {\n        impl = " + c.idl + "::create();\n    } catch (...) {\n        return vxg::caught();\n    }\n"
@@ -315,8 +316,11 @@ void writeComponent(const Library &library, const Coclass &c, std::string &s)
          "    impl->self_ = primary;\n    *implslot = impl;\n    return VXL_OK;\n}\n\n"
          "int32_t " + c.idl + "_destroyimpl(void *impl, vxl_if)\n{\n"
          "    delete static_cast<" + c.idl + " *>(impl);\n    return VXL_OK;\n}\n\n"
-         "const vxl_componentdef " + c.idl + "_class = {" + quoted(c.name) + ", " + std::to_string(c.interfaces.size()) +
-         ", " + c.idl + "_interfaces, " + c.idl + "_createimpl, " + c.idl + "_destroyimpl, nullptr};\n\nnamespace {\n\n";
+         fit("", "const vxl_componentdef " + c.idl + "_class = {",
+             quoted(c.name) + ", " + std::to_string(c.interfaces.size()) + ", " + c.idl + "_interfaces, " + c.idl +
+                 "_createimpl, " + c.idl + "_destroyimpl, nullptr",
+             "};") +
+         "\n\nnamespace {\n\n";
 }
 
 std::string comParams(const KitMethod &m, const FormMethod &fm)
@@ -377,13 +381,14 @@ void writeInvoke(const KitInterface &itf, const Form &form, std::string &s)
         s += "    HRESULT " + m.name + "_invoke(WORD flags, DISPPARAMS *params, VARIANT *result, UINT *bad)\n    {\n"
              "        HRESULT hr = vxg::check(flags, params, " + std::to_string(inputs) + ");\n"
              "        if (FAILED(hr))\n            return hr;\n" + code.pre +
-             "        int32_t status = " + methodId(itf, m) + "(pif_" + (code.args.empty() ? "" : ", " + code.args) + ");\n"
-             "        if (status != VXL_OK)\n            return vxl_com_err2hret(status);\n" + code.post;
+             fit("        ", "int32_t status = " + methodId(itf, m) + "(", "pif_" + (code.args.empty() ? "" : ", " + code.args), ");") +
+             "\n        if (status != VXL_OK)\n            return vxl_com_err2hret(status);\n" + code.post;
         if (outs == 1)
             s += "        vxg::result(result, k_" + single->name +
                  (single->kind == Kind::Interface ? ", " + quoted(single->ifname) : "") + ");\n";
         else if (outs > 1)
-            s += "        vxg::combined(result, vxl_com_createcombined(&" + methodId(itf, m) + "_method" + slots + "));\n";
+            s += fit("        ", "vxg::combined(result, vxl_com_createcombined(", "&" + methodId(itf, m) + "_method" + slots, "));") +
+                 "\n";
         s += "        return S_OK;\n    }\n";
     }
 }
@@ -412,9 +417,11 @@ void writeWrapper(const KitInterface &itf, const Form &form, std::string &s)
             Code code;
             for (const ComParam &c : fm.params)
                 wrapperParam(m.params[c.kit], c, code);
-            s += "    HRESULT STDMETHODCALLTYPE " + m.name + "(" + comParams(m, fm) + ") override\n    {\n" + code.checks("        ", "E_POINTER") +
-                 code.pre + "        int32_t status = " + methodId(itf, m) + "(pif_" +
-                 (code.args.empty() ? "" : ", " + code.args) + ");\n";
+            s += fit("    ", "HRESULT STDMETHODCALLTYPE " + m.name + "(", comParams(m, fm), ") override") + "\n    {\n" +
+                 code.checks("        ", "E_POINTER") + code.pre +
+                 fit("        ", "int32_t status = " + methodId(itf, m) + "(", "pif_" + (code.args.empty() ? "" : ", " + code.args),
+                     ");") +
+                 "\n";
             if (!code.post.empty())
                 s += "        if (status == VXL_OK) {\n" + code.post + "        }\n";
             s += "        return vxl_com_err2hret(status);\n    }\n";
@@ -436,8 +443,8 @@ void writeEventProxy(const KitInterface &itf, const Form &form, const std::strin
         int count = 0;
         for (const KitParam &p : m.params)
             count += !p.length;
-        s += "int32_t " + prefix + "_" + m.name + "(void *impl" + (m.params.empty() ? "" : ", " + kitParams(m, true)) +
-             ")\n{\n    vxg::EventArgs<" + std::to_string(count) + "> args;\n";
+        s += fit("", "int32_t " + prefix + "_" + m.name + "(", "void *impl" + (m.params.empty() ? "" : ", " + kitParams(m, true)), ")") +
+             "\n{\n    vxg::EventArgs<" + std::to_string(count) + "> args;\n";
         int slot = count;
         for (const KitParam &p : m.params) {
             if (p.length)
@@ -475,13 +482,14 @@ void writeProxy(const KitInterface &itf, const Form &form, std::string &s)
                 continue;
             proxyParam(m.params[i], &coms[c++], dispatch, code);
         }
-        s += "int32_t " + prefix + "_" + m.name + "(void *impl" + (m.params.empty() ? "" : ", " + kitParams(m, true)) +
-             ")\n{\n" + code.checks("    ", "VXL_EFAIL") + code.pre;
+        s += fit("", "int32_t " + prefix + "_" + m.name + "(", "void *impl" + (m.params.empty() ? "" : ", " + kitParams(m, true)), ")") +
+             "\n{\n" + code.checks("    ", "VXL_EFAIL") + code.pre;
         if (dispatch)
-            s += "    HRESULT hr = vxl_com_dispcall(static_cast<IDispatch *>(impl), &" + methodId(itf, m) + "_method" +
-                 (code.args.empty() ? "" : ", " + code.args) + ");\n";
+            s += fit("    ", "HRESULT hr = vxl_com_dispcall(",
+                     "static_cast<IDispatch *>(impl), &" + methodId(itf, m) + "_method" + (code.args.empty() ? "" : ", " + code.args),
+                     ");") + "\n";
         else
-            s += "    HRESULT hr = static_cast<::" + form.idl + " *>(impl)->" + m.name + "(" + code.args + ");\n";
+            s += fit("    ", "HRESULT hr = static_cast<::" + form.idl + " *>(impl)->" + m.name + "(", code.args, ");") + "\n";
         if (!code.post.empty())
             s += "    if (SUCCEEDED(hr)) {\n" + code.post + "    }\n";
         s += "    return vxl_com_hret2err(hr);\n}\n";
@@ -490,8 +498,10 @@ void writeProxy(const KitInterface &itf, const Form &form, std::string &s)
     s += "const vxl_componentinterface " + prefix + "_entry = {&" + itf.name + "_def, " +
          (itf.methods.empty() ? "nullptr" : prefix + "_functions") + "};\n"
          "const vxl_componentinterface *const " + prefix + "_entries[] = {&" + prefix + "_entry};\n"
-         "const vxl_componentdef " + prefix + " = {" + quoted(prefix) + ", 1, " + prefix +
-         "_entries, vxg::refuseproxy, vxg::destroyproxy,\n    vxl_com_wrappergetinterface};\n\n";
+         fit("", "const vxl_componentdef " + prefix + " = {",
+             quoted(prefix) + ", 1, " + prefix + "_entries, vxg::refuseproxy, vxg::destroyproxy, vxl_com_wrappergetinterface",
+             "};") +
+         "\n\n";
 }
 
 void writeRecords(const Library &library, const Output &out, std::string &s)
@@ -561,11 +571,17 @@ void writeSource(const Library &library, Output &out)
     s += "\nnamespace " + lib + " {\nnamespace {\n\n" + rule("kit definitions");
     for (const KitInterface &itf : library.interfaces)
         writeDefinitions(itf, s);
-    s += "} // namespace\n\nconst vxl_interfacedef *const interfaces[" + std::to_string(library.interfaces.size() + 1) +
-         "] = {";
-    for (const KitInterface &itf : library.interfaces)
-        s += "&" + itf.name + "_def, ";
-    s += "nullptr};\n\nnamespace {\n\n";
+    s += "} // namespace\n\n";
+    std::string all;
+    for (const KitInterface &itf : library.interfaces) {
+        s += "const vxl_interfacedef " + itf.name + "_def = {" + quoted(itf.name) + ", " +
+             std::to_string(itf.methods.size()) + ", " + (itf.methods.empty() ? "nullptr" : itf.name + "_methods") +
+             "};\n";
+        all += "&" + itf.name + "_def, ";
+    }
+    s += fit("", "const vxl_interfacedef *const interfaces[" + std::to_string(library.interfaces.size() + 1) + "] = {",
+             all + "nullptr", "};") +
+         "\n\nnamespace {\n\n";
     for (const Coclass &c : library.coclasses)
         writeComponent(library, c, s);
     s += rule("COM wrappers: COM calls into kit methods");

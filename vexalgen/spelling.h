@@ -114,6 +114,26 @@ inline bool isNull(const GUID &g)
     return IsEqualGUID(g, GUID_NULL) != 0;
 }
 
+// head + items + tail on one line when it fits in 110 columns, else one item
+// per line, indented four more than indent.
+inline std::string fit(const std::string &indent, const std::string &head, const std::string &items,
+                       const std::string &tail)
+{
+    std::string line = indent + head + items + tail;
+    if (line.size() <= 110 || items.find(", ") == std::string::npos)
+        return line;
+    std::string out = indent + head + "\n" + indent + "    ";
+    for (size_t at = 0, next; at < items.size(); at = next + 2) {
+        next = items.find(", ", at);
+        if (next == std::string::npos)
+            next = items.size();
+        out += items.substr(at, next - at);
+        if (next < items.size())
+            out += ",\n" + indent + "    ";
+    }
+    return out + tail;
+}
+
 inline std::string quoted(const std::string &text)
 {
     return "\"" + text + "\"";
