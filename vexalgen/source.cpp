@@ -315,7 +315,7 @@ void writeComponent(const Library &library, const Coclass &c, std::string &s)
          "    if (!impl)\n        return VXL_ENOMEM;\n"
          "    impl->self_ = primary;\n    *implslot = impl;\n    return VXL_OK;\n}\n\n"
          "int32_t " + c.idl + "_destroyimpl(void *impl, vxl_if)\n{\n"
-         "    delete static_cast<" + c.idl + " *>(impl);\n    return VXL_OK;\n}\n\n"
+         "    delete static_cast<" + c.idl + " *>(impl);\n    return VXL_OK;\n}\n\n" +
          fit("", "const vxl_componentdef " + c.idl + "_class = {",
              quoted(c.name) + ", " + std::to_string(c.interfaces.size()) + ", " + c.idl + "_interfaces, " + c.idl +
                  "_createimpl, " + c.idl + "_destroyimpl, nullptr",
@@ -497,7 +497,7 @@ void writeProxy(const KitInterface &itf, const Form &form, std::string &s)
     writeFunctionTable(prefix, itf, s);
     s += "const vxl_componentinterface " + prefix + "_entry = {&" + itf.name + "_def, " +
          (itf.methods.empty() ? "nullptr" : prefix + "_functions") + "};\n"
-         "const vxl_componentinterface *const " + prefix + "_entries[] = {&" + prefix + "_entry};\n"
+         "const vxl_componentinterface *const " + prefix + "_entries[] = {&" + prefix + "_entry};\n" +
          fit("", "const vxl_componentdef " + prefix + " = {",
              quoted(prefix) + ", 1, " + prefix + "_entries, vxg::refuseproxy, vxg::destroyproxy, vxl_com_wrappergetinterface",
              "};") +
