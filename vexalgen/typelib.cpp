@@ -43,38 +43,55 @@ std::string nameOf(ITypeInfo *info)
     return out;
 }
 
-// The type attributes of an ITypeInfo, given back at the end of the scope.
-class Attr {
+// A description oleaut32 lends (type attributes, a function description),
+// given back at the end of the scope.
+template <class T, void (STDMETHODCALLTYPE ITypeInfo::*Give)(T *)> class Lent {
 public:
-    explicit Attr(ITypeInfo *info) : info_(info) { info_->GetTypeAttr(&attr_); }
-    ~Attr()
-    {
-        if (attr_)
-            info_->ReleaseTypeAttr(attr_);
-    }
-    const TYPEATTR *operator->() const { return attr_; }
-    explicit operator bool() const { return attr_ != nullptr; }
-
-private:
-    ITypeInfo *info_;
-    TYPEATTR *attr_ = nullptr;
-};
-
-class FuncDesc {
-public:
-    FuncDesc(ITypeInfo *info, UINT index) : info_(info) { info_->GetFuncDesc(index, &desc_); }
-    ~FuncDesc()
+    Lent(ITypeInfo *info, T *desc) : info_(info), desc_(desc) {}
+    Lent(const Lent &) = delete;
+    ~Lent()
     {
         if (desc_)
-            info_->ReleaseFuncDesc(desc_);
+            (info_->*Give)(desc_);
     }
-    const FUNCDESC *operator->() const { return desc_; }
+    const T *operator->() const { return desc_; }
     explicit operator bool() const { return desc_ != nullptr; }
 
 private:
     ITypeInfo *info_;
-    FUNCDESC *desc_ = nullptr;
+    T *desc_;
 };
+
+struct Attr : Lent<TYPEATTR, &ITypeInfo::ReleaseTypeAttr> {
+    explicit Attr(ITypeInfo *info) : Lent(info, get(info)) {}
+    static TYPEATTR *get(ITypeInfo *info)
+    {
+        TYPEATTR *attr = nullptr;
+        return SUCCEEDED(info->GetTypeAttr(&attr)) ? attr : nullptr;
+    }
+};
+
+struct FuncDesc : Lent<FUNCDESC, &ITypeInfo::ReleaseFuncDesc> {
+    FuncDesc(ITypeInfo *info, UINT index) : Lent(info, get(info, index)) {}
+    static FUNCDESC *get(ITypeInfo *info, UINT index)
+    {
+        FUNCDESC *desc = nullptr;
+        return SUCCEEDED(info->GetFuncDesc(index, &desc)) ? desc : nullptr;
+    }
+};
+
+// The name and flags of implemented interface k of a coclass.
+bool implType(ITypeInfo *info, UINT k, std::string &name, INT &flags)
+{
+    HREFTYPE href = 0;
+    ITypeInfo *ref = nullptr;
+    if (FAILED(info->GetImplTypeFlags(k, &flags)) || FAILED(info->GetRefTypeOfImplType(k, &href)) ||
+        FAILED(info->GetRefTypeInfo(href, &ref)))
+        return false;
+    name = nameOf(ref);
+    ref->Release();
+    return true;
+}
 
 const char *const kWtypes[] = {"com", "comS", "comP"};
 
@@ -111,7 +128,11 @@ private:
         error_ = where_.empty() ? what : where_ + ": " + what;
         return false;
     }
+    // Calls visit(info, attributes) for every type of the library, in order,
+    // until it answers false.
+    template <class Visit> bool eachType(Visit visit);
     bool nameInterfaces();
+    bool nameInterface(ITypeInfo *info, const Attr &attr);
     bool readInterface(ITypeInfo *info, const std::string &idl);
     bool readMethod(ITypeInfo *info, UINT index, bool dispatchOnly, Form &form, KitInterface &itf);
     bool resolve(ITypeInfo *info, const TYPEDESC *desc, Dir dir, KitParam &param, ComParam &com);
@@ -138,53 +159,57 @@ KitInterface &Reader::kitInterface(const std::string &name)
     return library_.interfaces.back();
 }
 
-bool Reader::nameInterfaces()
+template <class Visit> bool Reader::eachType(Visit visit)
 {
     UINT count = lib_->GetTypeInfoCount();
+    for (UINT i = 0; i < count; ++i) {
+        ITypeInfo *raw = nullptr;
+        if (FAILED(lib_->GetTypeInfo(i, &raw)))
+            return fail("cannot read type " + std::to_string(i));
+        Ref<ITypeInfo> info(raw);
+        Attr attr(raw);
+        if (!attr)
+            return fail("cannot read the attributes of type " + std::to_string(i));
+        if (!visit(raw, attr))
+            return false;
+    }
+    return true;
+}
+
+bool Reader::nameInterfaces()
+{
     // Outgoing interfaces first: they are named by the coclasses that use them.
-    for (UINT i = 0; i < count; ++i) {
-        ITypeInfo *raw = nullptr;
-        if (FAILED(lib_->GetTypeInfo(i, &raw)))
-            return fail("cannot read type " + std::to_string(i));
-        Ref<ITypeInfo> info(raw);
-        Attr attr(raw);
-        if (!attr || attr->typekind != TKIND_COCLASS)
-            continue;
-        for (UINT k = 0; k < attr->cImplTypes; ++k) {
+    bool read = eachType([this](ITypeInfo *info, const Attr &attr) {
+        for (UINT k = 0; attr->typekind == TKIND_COCLASS && k < attr->cImplTypes; ++k) {
+            std::string name;
             INT flags = 0;
-            HREFTYPE href = 0;
-            ITypeInfo *ref = nullptr;
-            if (SUCCEEDED(raw->GetImplTypeFlags(k, &flags)) && (flags & IMPLTYPEFLAG_FSOURCE) &&
-                SUCCEEDED(raw->GetRefTypeOfImplType(k, &href)) && SUCCEEDED(raw->GetRefTypeInfo(href, &ref))) {
-                sources_.insert(nameOf(ref));
-                ref->Release();
-            }
+            if (implType(info, k, name, flags) && (flags & IMPLTYPEFLAG_FSOURCE))
+                sources_.insert(name);
         }
-    }
-    for (UINT i = 0; i < count; ++i) {
-        ITypeInfo *raw = nullptr;
-        if (FAILED(lib_->GetTypeInfo(i, &raw)))
-            return fail("cannot read type " + std::to_string(i));
-        Ref<ITypeInfo> info(raw);
-        Attr attr(raw);
-        if (!attr || (attr->typekind != TKIND_INTERFACE && attr->typekind != TKIND_DISPATCH))
-            continue;
-        std::string idl = nameOf(raw);
-        Named named;
-        bool suffixed = splitSuffix(idl, named.kit, named.wtype);
-        named.events = sources_.count(idl) != 0;
-        bool dual = (attr->wTypeFlags & TYPEFLAG_FDUAL) != 0;
-        where_ = "interface " + idl;
-        if (named.events)
-            named.wtype = "comS";
-        else if (attr->typekind == TKIND_DISPATCH && !dual)
-            return fail("a dispinterface can only be an outgoing ([source]) interface");
-        else if (!suffixed)
-            named.wtype = dual ? "comS" : "com";
-        else if (named.wtype == "comS" && !dual)
-            return fail("the \"comS\" form must be a dual interface");
-        named_[idl] = named;
-    }
+        return true;
+    });
+    return read && eachType([this](ITypeInfo *info, const Attr &attr) {
+        return attr->typekind != TKIND_INTERFACE && attr->typekind != TKIND_DISPATCH ? true : nameInterface(info, attr);
+    });
+}
+
+bool Reader::nameInterface(ITypeInfo *info, const Attr &attr)
+{
+    std::string idl = nameOf(info);
+    Named named;
+    bool suffixed = splitSuffix(idl, named.kit, named.wtype);
+    named.events = sources_.count(idl) != 0;
+    bool dual = (attr->wTypeFlags & TYPEFLAG_FDUAL) != 0;
+    where_ = "interface " + idl;
+    if (named.events)
+        named.wtype = "comS";
+    else if (attr->typekind == TKIND_DISPATCH && !dual)
+        return fail("a dispinterface can only be an outgoing ([source]) interface");
+    else if (!suffixed)
+        named.wtype = dual ? "comS" : "com";
+    else if (named.wtype == "comS" && !dual)
+        return fail("the \"comS\" form must be a dual interface");
+    named_[idl] = named;
     where_.clear();
     return true;
 }
@@ -203,31 +228,12 @@ bool Reader::read()
     if (library_.name.empty())
         return fail("the library has no name");
 
-    if (!nameInterfaces())
-        return false;
-    UINT count = lib_->GetTypeInfoCount();
-    for (UINT i = 0; i < count; ++i) {
-        ITypeInfo *raw = nullptr;
-        if (FAILED(lib_->GetTypeInfo(i, &raw)))
-            return fail("cannot read type " + std::to_string(i));
-        Ref<ITypeInfo> info(raw);
-        Attr attr(raw);
-        if (!attr)
-            return fail("cannot read the attributes of type " + std::to_string(i));
-        std::string idl = nameOf(raw);
-        if (named_.count(idl) && !readInterface(raw, idl))
-            return false;
-    }
-    for (UINT i = 0; i < count; ++i) {
-        ITypeInfo *raw = nullptr;
-        if (FAILED(lib_->GetTypeInfo(i, &raw)))
-            return fail("cannot read type " + std::to_string(i));
-        Ref<ITypeInfo> info(raw);
-        Attr attr(raw);
-        if (attr && attr->typekind == TKIND_COCLASS && !readCoclass(raw))
-            return false;
-    }
-    return true;
+    return nameInterfaces() && eachType([this](ITypeInfo *info, const Attr &) {
+               std::string idl = nameOf(info);
+               return !named_.count(idl) || readInterface(info, idl);
+           }) && eachType([this](ITypeInfo *info, const Attr &attr) {
+               return attr->typekind != TKIND_COCLASS || readCoclass(info);
+           });
 }
 
 bool Reader::readInterface(ITypeInfo *info, const std::string &idl)
@@ -482,13 +488,9 @@ bool Reader::readCoclass(ITypeInfo *info)
     bool defaultSource = false;
     for (UINT k = 0; k < attr->cImplTypes; ++k) {
         INT flags = 0;
-        HREFTYPE href = 0;
-        ITypeInfo *ref = nullptr;
-        if (FAILED(info->GetImplTypeFlags(k, &flags)) || FAILED(info->GetRefTypeOfImplType(k, &href)) ||
-            FAILED(info->GetRefTypeInfo(href, &ref)))
+        std::string idl;
+        if (!implType(info, k, idl, flags))
             return fail("cannot read its interfaces");
-        std::string idl = nameOf(ref);
-        ref->Release();
         auto named = named_.find(idl);
         if (named == named_.end())
             return fail("interface " + idl + " is not in this type library");
