@@ -56,6 +56,28 @@ const char *comScalar(const ComParam &c, Kind kind)
     return c.plainint ? "INT" : types[static_cast<int>(kind)];
 }
 
+// A string or interface held by an owner for the length of the call: made
+// from the caller's argument (in, in/out) or left empty (out), passed as
+// inArg or outArg, and turned back into the caller's variable by back after
+// a successful call. indent is the body's; post code sits one level deeper.
+struct Owned {
+    std::string owner, names, inArg, outArg, back;
+};
+void ownedParam(const KitParam &p, const std::string &k, const Owned &o, const std::string &indent, Code &code)
+{
+    const std::string &x = p.name, names = o.names.empty() ? "" : ", " + o.names;
+    if (p.dir == Dir::Out)
+        code.pre += indent + "*" + x + " = nullptr;\n" + indent + o.owner + " " + k + ";\n";
+    else
+        code.pre += indent + o.owner + " " + k + "(" + (p.dir == Dir::In ? x : "*" + x) + names + ");\n";
+    code.arg(p.dir == Dir::In ? o.inArg : o.outArg);
+    std::string back = k + "." + o.back;
+    if (p.dir == Dir::Out)
+        code.post += indent + "    *" + x + " = " + back + ";\n";
+    else if (p.dir == Dir::InOut)
+        code.post += indent + "    vxg::replace(" + x + ", " + back + ");\n";
+}
+
 // COM wrapper, vtable call: the COM caller's arguments into kit values.
 void wrapperParam(const KitParam &p, const ComParam &c, Code &code)
 {
@@ -96,28 +118,12 @@ void wrapperParam(const KitParam &p, const ComParam &c, Code &code)
         code.post += "            *" + x + " = " + k + ";\n";
         return;
     case Kind::String:
-        if (p.dir == Dir::Out)
-            code.pre += "        *" + x + " = nullptr;\n        vxg::KitString " + k + ";\n";
-        else
-            code.pre += "        vxg::KitString " + k + "(" + (p.dir == Dir::In ? x : "*" + x) + ");\n";
-        code.arg(p.dir == Dir::In ? k + ".p" : "&" + k + ".p");
-        if (p.dir == Dir::Out)
-            code.post += "            *" + x + " = " + k + ".tocom();\n";
-        else if (p.dir == Dir::InOut)
-            code.post += "            vxg::replace(" + x + ", " + k + ".tocom());\n";
+        ownedParam(p, k, {"vxg::KitString", "", k + ".p", "&" + k + ".p", "tocom()"}, "        ", code);
         return;
     case Kind::Interface: {
         std::string names = quoted(p.ifname) + ", " + w;
-        if (p.dir == Dir::Out)
-            code.pre += "        *" + x + " = nullptr;\n        vxg::KitIf " + k + ";\n";
-        else
-            code.pre += "        vxg::KitIf " + k + "(" + (p.dir == Dir::In ? x : "*" + x) + ", " + names + ");\n";
-        code.arg(p.dir == Dir::In ? k + ".p" : "&" + k + ".p");
-        std::string tocom = k + ".tocom<::" + c.ifidl + ">(" + names + ")";
-        if (p.dir == Dir::Out)
-            code.post += "            *" + x + " = " + tocom + ";\n";
-        else if (p.dir == Dir::InOut)
-            code.post += "            vxg::replace(" + x + ", " + tocom + ");\n";
+        ownedParam(p, k, {"vxg::KitIf", names, k + ".p", "&" + k + ".p", "tocom<::" + c.ifidl + ">(" + names + ")"}, "        ",
+                   code);
         return;
     }
     }
@@ -208,28 +214,13 @@ void proxyParam(const KitParam &p, const ComParam *c, bool dispatch, Code &code)
         code.post += "        *" + x + " = " + k + ";\n";
         return;
     case Kind::String:
-        if (p.dir == Dir::Out)
-            code.pre += "    *" + x + " = nullptr;\n    vxg::Bstr " + k + ";\n";
-        else
-            code.pre += "    vxg::Bstr " + k + "(" + (p.dir == Dir::In ? x : "*" + x) + ");\n";
-        code.arg(p.dir == Dir::In ? k + ".p" : "&" + k + ".p");
-        if (p.dir == Dir::Out)
-            code.post += "        *" + x + " = " + k + ".tokit();\n";
-        else if (p.dir == Dir::InOut)
-            code.post += "        vxg::replace(" + x + ", " + k + ".tokit());\n";
+        ownedParam(p, k, {"vxg::Bstr", "", k + ".p", "&" + k + ".p", "tokit()"}, "    ", code);
         return;
     case Kind::Interface: {
         std::string names = quoted(p.ifname) + ", " + quoted(wtype);
         std::string type = dispatch ? "IDispatch" : "::" + c->ifidl;
-        if (p.dir == Dir::Out)
-            code.pre += "    *" + x + " = nullptr;\n    vxg::ComIf " + k + ";\n";
-        else
-            code.pre += "    vxg::ComIf " + k + "(" + (p.dir == Dir::In ? x : "*" + x) + ", " + names + ");\n";
-        code.arg(p.dir == Dir::In ? k + ".as<" + type + ">()" : k + ".out<" + type + ">()");
-        if (p.dir == Dir::Out)
-            code.post += "        *" + x + " = " + k + ".tokit(" + names + ");\n";
-        else if (p.dir == Dir::InOut)
-            code.post += "        vxg::replace(" + x + ", " + k + ".tokit(" + names + "));\n";
+        ownedParam(p, k, {"vxg::ComIf", names, k + ".as<" + type + ">()", k + ".out<" + type + ">()", "tokit(" + names + ")"}, "    ",
+                   code);
         return;
     }
     }
