@@ -243,6 +243,7 @@ TEST(GeneratedLayers, ScriptCallsEveryMethodThroughIDispatch)
     EXPECT_EQ(0, vxltest::runProgram("cscript.exe //nologo \"" + inBin("gentest.vbs") + "\"", &output));
     EXPECT_EQ("swap 7 1.5 2.25 seven a\r\n"
               "get(5) 8 2.5 -0.5 eight b\r\n"
+              "by value 7 1.5 2.25 seven a\r\n"
               "swap(3) 1 2 3(1) 0.5(4) 1.25 2.5 3.75 5(2) a bc(2) a b\r\n"
               "get(2) 9 8(3) 4.5 -1 0.25(0)(3) de f ghi(1) b\r\n"
               "ping 5 five\r\n"

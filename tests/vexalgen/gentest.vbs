@@ -30,6 +30,8 @@ n = 8 : f = 2.5 : d = -0.5 : s = "eight" : Set x = b
 all.Swap n, f, d, s, x
 WScript.Echo "swap", n, f, d, s, Which(x)
 WScript.Echo "get" & List(all.Get())
+all.Swap (n), (f), (d), (s), Nothing ' by value: nothing is written back
+WScript.Echo "by value", n, f, d, s, Which(x)
 
 all.PutArrays Array(1, 2, 3), Array(0.5), Array(1.25, 2.5, 3.75, 5), Array("a", "bc"), Array(a, b)
 ns = Array(9, 8) : fs = Array(4.5, -1, 0.25) : ds = Array() : ss = Array("de", "f", "ghi") : xs = Array(b)
