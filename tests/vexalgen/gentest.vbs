@@ -1,6 +1,7 @@
 ' Calls every method of VexalGenTest.All through IDispatch: in values,
-' variables passed by reference for in/out, VBScript arrays, Get's several
-' out values as one combined array, and a script class as event listener.
+' variables passed by reference (and values) for in/out, VBScript arrays,
+' Get's several out values as one combined array, a component's error,
+' and a script class as event listener.
 Class Listener
     Public Sub Ping(n, text)
         WScript.Echo "ping " & n & " " & text
