@@ -35,7 +35,7 @@ void writeHeader(const Library &library, Output &out)
             std::string params = kitParams(m, true), types = kitParams(m, false), args = kitArgs(m);
             h += fit("", "inline int32_t " + itf.name + "_" + m.name + "(", "vxl_if self" + (params.empty() ? "" : ", " + params),
                      ")") +
-                 "\n{\n    using slot = int32_t (*)(vxl_if" + (types.empty() ? "" : ", " + types) + ");\n" +
+                 "\n{\n" + fit("    ", "using slot = int32_t (*)(", "vxl_if" + (types.empty() ? "" : ", " + types), ");") + "\n" +
                  fit("    ", "return VXL_METHOD(self, " + std::to_string(j) + ", slot)(", "self" + (args.empty() ? "" : ", " + args),
                      ");") +
                  "\n}\n";

@@ -3,17 +3,14 @@
 //
 //   vexalgen [--module <file name>] <input.tlb> <output folder>
 //
-// writes <stem>_vexal.h, <stem>_vexal.cpp and <stem>_vexal.def. Files are
-// written under temporary names and renamed only when all three are
-// complete; a file whose content would not change is left untouched, so a
-// build does not recompile what did not change.
+// writes <stem>_vexal.h, <stem>_vexal.cpp and <stem>_vexal.def: all three,
+// or, after any error, none (the files there before stay as they were).
 #include "writer.h"
 
 #include <windows.h>
 
 #include <cstdio>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -23,16 +20,6 @@ int usage()
 {
     fprintf(stderr, "usage: vexalgen [--module <file name>] <input.tlb> <output folder>\n");
     return 2;
-}
-
-bool sameContent(const std::string &path, const std::string &text)
-{
-    std::ifstream in(path, std::ios::binary);
-    if (!in)
-        return false;
-    std::ostringstream content;
-    content << in.rdbuf();
-    return content.str() == text;
 }
 
 // A damaged type library can take oleaut32's reader down; nothing has been
@@ -47,16 +34,20 @@ LONG WINAPI damagedInput(EXCEPTION_POINTERS *)
 }
 
 struct Pending {
-    std::string path, temporary, text;
+    std::string path, temporary, backup, text;
+    bool placed = false;
 };
 
+// All files or none: each is written under a temporary name, then the old
+// files are moved aside and the new ones put in their place; a failure on
+// the way puts every old file back.
 bool writeAll(std::vector<Pending> &files, std::string &error)
 {
+    std::string suffix = std::to_string(GetCurrentProcessId());
     bool ok = true;
     for (Pending &f : files) {
-        if (sameContent(f.path, f.text))
-            continue;
-        f.temporary = f.path + ".tmp" + std::to_string(GetCurrentProcessId());
+        f.temporary = f.path + ".tmp" + suffix;
+        f.backup = f.path + ".old" + suffix;
         std::ofstream out(f.temporary, std::ios::binary | std::ios::trunc);
         out << f.text;
         out.close();
@@ -67,13 +58,28 @@ bool writeAll(std::vector<Pending> &files, std::string &error)
         }
     }
     for (Pending &f : files) {
-        if (f.temporary.empty())
-            continue;
-        if (ok && !MoveFileExA(f.temporary.c_str(), f.path.c_str(), MOVEFILE_REPLACE_EXISTING)) {
+        if (!ok)
+            break;
+        DWORD attributes = GetFileAttributesA(f.path.c_str());
+        bool moved = attributes == INVALID_FILE_ATTRIBUTES
+                         ? GetLastError() == ERROR_FILE_NOT_FOUND
+                         : !(attributes & FILE_ATTRIBUTE_DIRECTORY) &&
+                               MoveFileExA(f.path.c_str(), f.backup.c_str(), MOVEFILE_REPLACE_EXISTING);
+        if (!moved || !MoveFileExA(f.temporary.c_str(), f.path.c_str(), 0)) {
+            MoveFileExA(f.backup.c_str(), f.path.c_str(), 0);
             error = "cannot replace " + f.path;
             ok = false;
+            break;
+        }
+        f.placed = true;
+    }
+    for (Pending &f : files) {
+        if (!ok && f.placed) {
+            DeleteFileA(f.path.c_str());
+            MoveFileExA(f.backup.c_str(), f.path.c_str(), 0);
         }
         DeleteFileA(f.temporary.c_str());
+        DeleteFileA(f.backup.c_str());
     }
     return ok;
 }
@@ -122,9 +128,16 @@ int main(int argc, char **argv)
     vexalgen::writeSource(library, out);
     vexalgen::writeDefinition(library, out);
 
-    std::string base = folder + "/" + out.stem + "_vexal";
-    std::vector<Pending> files = {{base + ".h", "", out.header}, {base + ".cpp", "", out.source},
-                                  {base + ".def", "", out.definition}};
+    for (char &c : folder)
+        c = c == '/' ? '\\' : c;
+    std::string base = folder + (folder.back() == '\\' ? "" : "\\") + out.stem + "_vexal";
+    std::vector<Pending> files(3);
+    files[0].path = base + ".h";
+    files[0].text = out.header;
+    files[1].path = base + ".cpp";
+    files[1].text = out.source;
+    files[2].path = base + ".def";
+    files[2].text = out.definition;
     if (!writeAll(files, error)) {
         fprintf(stderr, "vexalgen: %s\n", error.c_str());
         return 1;

@@ -83,11 +83,64 @@ struct SafeArray {
 
 template <int Type> struct Kind;
 
+// The safe array a VARIANT holds, by value or by reference.
+inline SAFEARRAY *arrayof(VARIANT *v)
+{
+    if (V_VT(v) == (VT_BYREF | VT_VARIANT))
+        v = V_VARIANTREF(v);
+    if (!(V_VT(v) & VT_ARRAY))
+        return nullptr;
+    return V_VT(v) & VT_BYREF ? *V_ARRAYREF(v) : V_ARRAY(v);
+}
+
+// Calls change(element) for each element of a safe array of VARIANTs (one
+// dimension); other safe arrays are left alone. Stops at the first failure.
+template <class Change> HRESULT eachelement(SAFEARRAY *sa, Change change)
+{
+    VARTYPE type = VT_EMPTY;
+    VARIANT *elements = nullptr;
+    if (!sa || FAILED(SafeArrayGetVartype(sa, &type)) || type != VT_VARIANT)
+        return S_OK;
+    if (FAILED(SafeArrayAccessData(sa, reinterpret_cast<void **>(&elements))))
+        return E_UNEXPECTED;
+    HRESULT hr = S_OK;
+    for (int32_t i = 0, n = vxl_com_safearraylen(sa); i < n && SUCCEEDED(hr); ++i)
+        hr = change(elements[i]);
+    SafeArrayUnaccessData(sa);
+    return hr;
+}
+
+// Scripts fill arrays with what they have (shorts, doubles for floats): each
+// element is coerced to the kind's tag before the runtime reads the array.
+// An empty interface element stays empty (a null interface).
+inline HRESULT coerceelements(SAFEARRAY *sa, VARTYPE vt)
+{
+    return eachelement(sa, [vt](VARIANT &e) {
+        bool empty = V_VT(&e) == VT_EMPTY || V_VT(&e) == VT_NULL;
+        return V_VT(&e) == vt || (vt == VT_DISPATCH && empty) ? S_OK : VariantChangeType(&e, &e, 0, vt);
+    });
+}
+
+// The runtime writes interfaces into VARIANTs as VT_UNKNOWN; scripts, and
+// the readers on the other side, take VT_DISPATCH. Arrays inside the array
+// (a combined value holds its arrays as elements) too.
+inline void dispatchify(SAFEARRAY *sa)
+{
+    eachelement(sa, [](VARIANT &e) {
+        if (V_VT(&e) == VT_UNKNOWN)
+            VariantChangeType(&e, &e, 0, VT_DISPATCH);
+        else if (V_VT(&e) == (VT_ARRAY | VT_VARIANT))
+            dispatchify(V_ARRAY(&e));
+        return S_OK;
+    });
+}
+
 // The runtime's functions for one element kind: typed safe arrays, safe
 // arrays of VARIANTs, and VARIANTs holding those.
-#define VXG_KIND(code, element, word, freearray)                                                        \
+#define VXG_KIND(code, element, tag, word, freearray)                                                   \
     template <> struct Kind<code> {                                                                     \
         using T = element;                                                                               \
+        static constexpr VARTYPE vt = tag;                                                               \
         static SAFEARRAY *typed(const T *a, int32_t n, const char *, const char *)                      \
         {                                                                                                \
             return vxl_com_create##word##safearray(a, n);                                                \
@@ -100,44 +153,40 @@ template <int Type> struct Kind;
         {                                                                                                \
             return vxl_com_create##word##arrayfromsafearray(sa, n);                                      \
         }                                                                                                \
-        static T *fromvariant(const VARIANT *v, int32_t n, const char *, const char *)                  \
-        {                                                                                                \
-            return vxl_com_copy##word##arrayfromvariantsafearrayvariant(v, n);                           \
-        }                                                                                                \
         static void tovariant(VARIANT *v, const T *a, int32_t n, const char *, const char *)            \
         {                                                                                                \
             vxl_com_copy##word##arraytovariantsafearrayvariant(v, a, n);                                 \
         }                                                                                                \
         static void release(T *a, int32_t n) { freearray; }                                             \
     };
-VXG_KIND(VXL_TYPE_INT, int32_t, int, vxl_free(a))
-VXG_KIND(VXL_TYPE_FLOAT, float, float, vxl_free(a))
-VXG_KIND(VXL_TYPE_DOUBLE, double, double, vxl_free(a))
-VXG_KIND(VXL_TYPE_STRING, char *, string, if (a) vxl_freestringarray(a, n))
+VXG_KIND(VXL_TYPE_INT, int32_t, VT_I4, int, vxl_free(a))
+VXG_KIND(VXL_TYPE_FLOAT, float, VT_R4, float, vxl_free(a))
+VXG_KIND(VXL_TYPE_DOUBLE, double, VT_R8, double, vxl_free(a))
+VXG_KIND(VXL_TYPE_STRING, char *, VT_BSTR, string, if (a) vxl_freestringarray(a, n))
 #undef VXG_KIND
 
 // Interfaces cross with their kit name and form.
 template <> struct Kind<VXL_TYPE_INTERFACE> {
     using T = vxl_if;
+    static constexpr VARTYPE vt = VT_DISPATCH;
     static SAFEARRAY *typed(const T *a, int32_t n, const char *ifname, const char *wtype)
     {
         return vxl_com_createinterfacesafearray(a, n, ifname, wtype);
     }
     static SAFEARRAY *variants(const T *a, int32_t n, const char *ifname, const char *wtype)
     {
-        return vxl_com_createvariantinterfacesafearray(a, n, ifname, wtype);
+        SAFEARRAY *sa = vxl_com_createvariantinterfacesafearray(a, n, ifname, wtype);
+        dispatchify(sa);
+        return sa;
     }
     static T *fromsafearray(SAFEARRAY *sa, int32_t n, const char *ifname, const char *wtype)
     {
         return vxl_com_createinterfacearrayfromsafearray(sa, n, ifname, wtype);
     }
-    static T *fromvariant(const VARIANT *v, int32_t n, const char *ifname, const char *wtype)
-    {
-        return vxl_com_copyinterfacearrayfromvariantsafearrayvariant(v, n, ifname, wtype);
-    }
     static void tovariant(VARIANT *v, const T *a, int32_t n, const char *ifname, const char *wtype)
     {
         vxl_com_copyinterfacearraytovariantsafearrayvariant(v, a, n, ifname, wtype);
+        dispatchify(arrayof(v));
     }
     static void release(T *a, int32_t n)
     {
@@ -177,6 +226,7 @@ template <int Type>
 void tokit(SAFEARRAY *from, typename Kind<Type>::T **array, int32_t *count, const char *ifname, const char *wtype)
 {
     Kind<Type>::release(*array, *count);
+    coerceelements(from, Kind<Type>::vt); // the proxy's own copy
     *count = from ? vxl_com_safearraylen(from) : 0;
     *array = Kind<Type>::fromsafearray(from, *count, ifname, wtype);
 }
@@ -280,10 +330,16 @@ inline HRESULT read(VARIANT *from, KitIf &value, const char *ifname)
 template <int Type> HRESULT read(VARIANT *from, KitArray<Type> &value)
 {
     VARIANT *base = V_VT(from) == (VT_BYREF | VT_VARIANT) ? V_VARIANTREF(from) : from;
-    if ((V_VT(base) & ~VT_BYREF) != (VT_ARRAY | VT_VARIANT))
+    if (!(V_VT(base) & VT_ARRAY))
         return DISP_E_TYPEMISMATCH;
-    value.n = vxl_com_variantsafearraylen(from);
-    value.p = Kind<Type>::fromvariant(from, value.n, value.ifname, "comS");
+    SAFEARRAY *sa = arrayof(from);
+    SafeArray copy; // coerced here, so the caller's array stays as it was
+    if (sa && FAILED(SafeArrayCopy(sa, &copy.p)))
+        return E_OUTOFMEMORY;
+    if (FAILED(coerceelements(copy.p, Kind<Type>::vt)))
+        return DISP_E_TYPEMISMATCH;
+    value.n = copy.p ? vxl_com_safearraylen(copy.p) : 0;
+    value.p = Kind<Type>::fromsafearray(copy.p, value.n, value.ifname, "comS");
     return S_OK;
 }
 
@@ -333,6 +389,7 @@ inline void combined(VARIANT *to, SAFEARRAY *values)
             SafeArrayDestroy(values);
         return;
     }
+    dispatchify(values);
     V_VT(to) = VT_ARRAY | VT_VARIANT;
     V_ARRAY(to) = values;
 }
