@@ -15,7 +15,7 @@ include(CMakePackageConfigHelpers)
 
 # The module definition file lists the names vexal.dll exports; the export
 # check (tests/exports) holds the DLL to the same list.
-set(VEXAL_EXPORT_LIST ${CMAKE_SOURCE_DIR}/tests/exports/exports.txt)
+set(VEXAL_EXPORT_LIST ${CMAKE_SOURCE_DIR}/cmake/vexal-exports.txt)
 set(VEXAL_DEF_FILE ${CMAKE_BINARY_DIR}/lib/vexal.def)
 add_custom_command(OUTPUT ${VEXAL_DEF_FILE}
   COMMAND ${CMAKE_COMMAND} -DLIST=${VEXAL_EXPORT_LIST} -DOUT=${VEXAL_DEF_FILE} -P ${CMAKE_CURRENT_LIST_DIR}/vexaldef.cmake

@@ -4,7 +4,7 @@
 # that is not listed. The list itself must hold the number of names given,
 # so that a name dropped from the DLL and the list together is caught too.
 #
-#   check-exports.sh vexal.dll exports.txt 124
+#   check-exports.sh vexal.dll vexal-exports.txt 124
 set -euo pipefail
 dll=$1
 list=$2
