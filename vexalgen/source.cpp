@@ -391,9 +391,12 @@ std::string wrapperName(const KitInterface &itf, const Form &form)
 
 void writeWrapper(const KitInterface &itf, const Form &form, std::string &s)
 {
-    std::string name = wrapperName(itf, form), com = form.events ? "IDispatch" : "::" + form.idl;
+    // A dual outgoing interface keeps its vtable: a COM object handed a sink
+    // typed as that interface may call it either way.
+    bool vtable = !form.events || form.dual;
+    std::string name = wrapperName(itf, form), com = vtable ? "::" + form.idl : "IDispatch";
     s += "// The \"" + form.wtype + "\" form of " + itf.name + ": COM interface " + form.idl +
-         (form.events ? ", called by name through IDispatch" : form.dual ? ", dual" : "") + ".\n";
+         (form.events ? ", outgoing, reached through IDispatch" : form.dual ? ", dual" : "") + ".\n";
     if (form.dual || form.events)
         s += "class " + name + " final : public vxg::Dispatcher<" + com + ", " + name + "> {\npublic:\n"
              "    using Dispatcher::Dispatcher;\n"
@@ -401,7 +404,7 @@ void writeWrapper(const KitInterface &itf, const Form &form, std::string &s)
              ";\n        return iid;\n    }\n\n";
     else
         s += "class " + name + " final : public vxg::Wrapper<" + com + "> {\npublic:\n    using Wrapper::Wrapper;\n\n";
-    if (!form.events) {
+    if (vtable) {
         for (size_t j = 0; j < itf.methods.size(); ++j) {
             const KitMethod &m = itf.methods[j];
             const FormMethod &fm = form.methods[j];
@@ -419,7 +422,7 @@ void writeWrapper(const KitInterface &itf, const Form &form, std::string &s)
         }
     }
     if (form.dual || form.events) {
-        if (!form.events)
+        if (vtable)
             s += "\n";
         writeInvoke(itf, form, s);
     }
