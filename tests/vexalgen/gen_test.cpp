@@ -170,9 +170,13 @@ void callEverything(const char *form)
     char **oss = vxl_com_createstringarray(ss + 2, sc);
     auto *oxs = static_cast<vxl_if *>(vxl_malloc(sizeof(vxl_if)));
     oxs[0] = y, y->slots->incref(y);
-    EXPECT_EQ(VXL_OK, IAll_SwapArrays(all, &ons, &nc, &ofs, &fc, &ods, &dc, &oss, &sc, &oxs, &xc));
-    EXPECT_EQ("(3) 1 2 3(1) 0.5(4) 1.25 2.5 3.75 5(2) a bc(2) x y",
-              text(ons, nc) + text(ofs, fc) + text(ods, dc) + text(oss, sc) + text(oxs, xc, x, y));
+    // Two out values beside the arrays: through IDispatch a combined value,
+    // packed after the in/out lengths.
+    int32_t taken = static_cast<int32_t>(0xdeadbeef), given = taken;
+    EXPECT_EQ(VXL_OK, IAll_SwapArrays(all, &ons, &nc, &ofs, &fc, &ods, &dc, &oss, &sc, &oxs, &xc, &taken, &given));
+    EXPECT_EQ("(3) 1 2 3(1) 0.5(4) 1.25 2.5 3.75 5(2) a bc(2) x y 9 12",
+              text(ons, nc) + text(ofs, fc) + text(ods, dc) + text(oss, sc) + text(oxs, xc, x, y) + " " +
+                  std::to_string(taken) + " " + std::to_string(given));
     auto freeArrays = [&] {
         vxl_free(ons), vxl_free(ofs), vxl_free(ods), vxl_freestringarray(oss, sc), vxl_freeinterfacearray(oxs, xc);
     };
@@ -244,7 +248,7 @@ TEST(GeneratedLayers, ScriptCallsEveryMethodThroughIDispatch)
     EXPECT_EQ("swap 7 1.5 2.25 seven a\r\n"
               "get(5) 8 2.5 -0.5 eight b\r\n"
               "by value 7 1.5 2.25 seven a\r\n"
-              "swap(3) 1 2 3(1) 0.5(4) 1.25 2.5 3.75 5(2) a bc(2) a b\r\n"
+              "swap(3) 1 2 3(1) 0.5(4) 1.25 2.5 3.75 5(2) a bc(2) a b(2) 9 12\r\n"
               "get(2) 9 8(3) 4.5 -1 0.25(0)(3) de f ghi(1) b\r\n"
               "ping 5 five\r\n"
               "fire 800401FD\r\n",

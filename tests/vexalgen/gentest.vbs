@@ -36,8 +36,8 @@ WScript.Echo "by value", n, f, d, s, Which(x)
 
 all.PutArrays Array(1, 2, 3), Array(0.5), Array(1.25, 2.5, 3.75, 5), Array("a", "bc"), Array(a, b)
 ns = Array(9, 8) : fs = Array(4.5, -1, 0.25) : ds = Array() : ss = Array("de", "f", "ghi") : xs = Array(b)
-all.SwapArrays ns, fs, ds, ss, xs
-WScript.Echo "swap" & List(ns) & List(fs) & List(ds) & List(ss) & List(xs)
+r = all.SwapArrays(ns, fs, ds, ss, xs)
+WScript.Echo "swap" & List(ns) & List(fs) & List(ds) & List(ss) & List(xs) & List(r)
 r = all.GetArrays()
 WScript.Echo "get" & List(r(0)) & List(r(1)) & List(r(2)) & List(r(3)) & List(r(4))
 

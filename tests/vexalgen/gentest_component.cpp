@@ -88,10 +88,14 @@ public:
         return xs_.get(xs, xs_count), VXL_OK;
     }
     int32_t SwapArrays(int32_t **ns, int32_t *ns_count, float **fs, int32_t *fs_count, double **ds,
-                       int32_t *ds_count, char ***ss, int32_t *ss_count, vxl_if **xs, int32_t *xs_count) override
+                       int32_t *ds_count, char ***ss, int32_t *ss_count, vxl_if **xs, int32_t *xs_count,
+                       int32_t *taken, int32_t *given) override
     {
+        *taken = *ns_count + *fs_count + *ds_count + *ss_count + *xs_count;
         ns_.swap(ns, ns_count), fs_.swap(fs, fs_count), ds_.swap(ds, ds_count), ss_.swap(ss, ss_count);
-        return xs_.swap(xs, xs_count), VXL_OK;
+        xs_.swap(xs, xs_count);
+        *given = *ns_count + *fs_count + *ds_count + *ss_count + *xs_count;
+        return VXL_OK;
     }
     int32_t Listen(vxl_if listener) override { return listener_.put(listener), VXL_OK; }
     int32_t Fire(int32_t n, const char *text) override
