@@ -124,7 +124,7 @@ inline HRESULT coerceelements(SAFEARRAY *sa, VARTYPE vt)
 // The runtime writes interfaces into VARIANTs as VT_UNKNOWN; scripts, and
 // the readers on the other side, take VT_DISPATCH. Arrays inside the array
 // (a combined value holds its arrays as elements) too.
-inline void dispatchify(SAFEARRAY *sa)
+inline SAFEARRAY *dispatchify(SAFEARRAY *sa)
 {
     eachelement(sa, [](VARIANT &e) {
         if (V_VT(&e) == VT_UNKNOWN)
@@ -133,10 +133,11 @@ inline void dispatchify(SAFEARRAY *sa)
             dispatchify(V_ARRAY(&e));
         return S_OK;
     });
+    return sa;
 }
 
-// The runtime's functions for one element kind: typed safe arrays, safe
-// arrays of VARIANTs, and VARIANTs holding those.
+// The runtime's functions for one element kind: typed safe arrays, and
+// VARIANTs holding safe arrays of VARIANTs.
 #define VXG_KIND(code, element, tag, word, freearray)                                                   \
     template <> struct Kind<code> {                                                                     \
         using T = element;                                                                               \
@@ -144,10 +145,6 @@ inline void dispatchify(SAFEARRAY *sa)
         static SAFEARRAY *typed(const T *a, int32_t n, const char *, const char *)                      \
         {                                                                                                \
             return vxl_com_create##word##safearray(a, n);                                                \
-        }                                                                                                \
-        static SAFEARRAY *variants(const T *a, int32_t n, const char *, const char *)                   \
-        {                                                                                                \
-            return vxl_com_createvariant##word##safearray(a, n);                                         \
         }                                                                                                \
         static T *fromsafearray(SAFEARRAY *sa, int32_t n, const char *, const char *)                   \
         {                                                                                                \
@@ -172,12 +169,6 @@ template <> struct Kind<VXL_TYPE_INTERFACE> {
     static SAFEARRAY *typed(const T *a, int32_t n, const char *ifname, const char *wtype)
     {
         return vxl_com_createinterfacesafearray(a, n, ifname, wtype);
-    }
-    static SAFEARRAY *variants(const T *a, int32_t n, const char *ifname, const char *wtype)
-    {
-        SAFEARRAY *sa = vxl_com_createvariantinterfacesafearray(a, n, ifname, wtype);
-        dispatchify(sa);
-        return sa;
     }
     static T *fromsafearray(SAFEARRAY *sa, int32_t n, const char *ifname, const char *wtype)
     {
@@ -211,7 +202,6 @@ template <int Type> struct KitArray {
     KitArray(const KitArray &) = delete;
     ~KitArray() { Kind<Type>::release(p, n); }
     SAFEARRAY *typed() const { return Kind<Type>::typed(p, n, ifname, wtype); }
-    SAFEARRAY *variants() const { return Kind<Type>::variants(p, n, ifname, wtype); }
     T *take()
     {
         T *out = p;

@@ -47,7 +47,8 @@ std::string makeSafeArray(const KitParam &p, const std::string &array, const std
                        "safearray(" + array + ", " + count;
     if (p.kind == Kind::Interface)
         call += ", " + quoted(p.ifname) + ", " + quoted(wtype);
-    return call + ")";
+    // Scripts take VT_DISPATCH elements as objects; the runtime writes VT_UNKNOWN.
+    return variants && p.kind == Kind::Interface ? "vxg::dispatchify(" + call + "))" : call + ")";
 }
 
 const char *comScalar(const ComParam &c, Kind kind)
@@ -447,7 +448,8 @@ void writeEventProxy(const KitInterface &itf, const Form &form, const std::strin
             if (p.array)
                 s += std::string("    vxl_com_copy") + kindWord(p.kind) + "arraytovariantsafearrayvariant(" + at + ", " +
                      p.name + ", " + p.name + "_count" +
-                     (p.kind == Kind::Interface ? ", " + quoted(p.ifname) + ", \"comS\"" : "") + ");\n";
+                     (p.kind == Kind::Interface ? ", " + quoted(p.ifname) + ", \"comS\"" : "") + ");\n" +
+                     (p.kind == Kind::Interface ? "    vxg::dispatchify(vxg::arrayof(" + at + "));\n" : "");
             else
                 s += std::string("    vxl_com_put") + kindWord(p.kind) + "tovariant(" + at + ", " + p.name +
                      (p.kind == Kind::Interface ? ", " + quoted(p.ifname) + ", \"comS\"" : "") + ");\n";
