@@ -477,7 +477,7 @@ public:
     HRESULT STDMETHODCALLTYPE Invoke(DISPID id, REFIID, LCID, WORD flags, DISPPARAMS *params, VARIANT *result,
                                      EXCEPINFO *, UINT *argerr) override
     {
-        if (!params)
+        if (!params || (params->cArgs && !params->rgvarg))
             return E_INVALIDARG;
         if (result)
             VariantInit(result);
