@@ -44,6 +44,7 @@ function(vexal_add_component target)
   endif()
   get_filename_component(idl ${arg_IDL} ABSOLUTE)
   get_filename_component(stem ${idl} NAME_WE)
+  get_filename_component(idldir ${idl} DIRECTORY)
   set(out ${CMAKE_CURRENT_BINARY_DIR}/${target}_generated)
   file(MAKE_DIRECTORY ${out})
 
@@ -58,9 +59,9 @@ function(vexal_add_component target)
 
   # <stem>_i.c defines the IIDs and CLSIDs, for the library's own COM clients.
   add_custom_command(OUTPUT ${out}/${stem}.tlb ${out}/${stem}.h ${out}/${stem}_i.c
-    COMMAND ${VEXAL_WIDL} ${VEXAL_WIDL_FLAGS} -t -o ${out}/${stem}.tlb ${idl}
-    COMMAND ${VEXAL_WIDL} ${VEXAL_WIDL_FLAGS} -h -o ${out}/${stem}.h ${idl}
-    COMMAND ${VEXAL_WIDL} ${VEXAL_WIDL_FLAGS} -u -o ${out}/${stem}_i.c ${idl}
+    COMMAND ${VEXAL_WIDL} ${VEXAL_WIDL_FLAGS} -I${idldir} -t -o ${out}/${stem}.tlb ${idl}
+    COMMAND ${VEXAL_WIDL} ${VEXAL_WIDL_FLAGS} -I${idldir} -h -o ${out}/${stem}.h ${idl}
+    COMMAND ${VEXAL_WIDL} ${VEXAL_WIDL_FLAGS} -I${idldir} -u -o ${out}/${stem}_i.c ${idl}
     DEPENDS ${idl} COMMENT "widl ${stem}.idl" VERBATIM)
   add_custom_command(OUTPUT ${out}/${stem}_vexal.h ${out}/${stem}_vexal.cpp ${out}/${stem}_vexal.def
     COMMAND ${generator} --module $<TARGET_FILE_NAME:${target}> ${out}/${stem}.tlb ${out}
