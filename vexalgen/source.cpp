@@ -79,6 +79,18 @@ void ownedParam(const KitParam &p, const std::string &k, const Owned &o, const s
         code.post += indent + "    vxg::replace(" + x + ", " + back + ");\n";
 }
 
+// An out or in/out number copied into a local of the other side's type for
+// the call, and back into the caller's variable after a successful call.
+void copiedNumber(const KitParam &p, const std::string &k, const std::string &type, const std::string &indent, Code &code)
+{
+    const std::string &x = p.name;
+    if (p.dir == Dir::Out)
+        code.pre += indent + "*" + x + " = 0;\n";
+    code.pre += indent + type + " " + k + " = " + (p.dir == Dir::Out ? "0" : "*" + x) + ";\n";
+    code.arg("&" + k);
+    code.post += indent + "    *" + x + " = " + k + ";\n";
+}
+
 // COM wrapper, vtable call: the COM caller's arguments into kit values.
 void wrapperParam(const KitParam &p, const ComParam &c, Code &code)
 {
@@ -111,12 +123,7 @@ void wrapperParam(const KitParam &p, const ComParam &c, Code &code)
             code.arg(x);
             return;
         }
-        code.pre += std::string("        ") + kitScalar(p.kind) + " " + k + " = " +
-                    (p.dir == Dir::Out ? "0" : "*" + x) + ";\n";
-        if (p.dir == Dir::Out)
-            code.pre += "        *" + x + " = 0;\n";
-        code.arg("&" + k);
-        code.post += "            *" + x + " = " + k + ";\n";
+        copiedNumber(p, k, kitScalar(p.kind), "        ", code);
         return;
     case Kind::String:
         ownedParam(p, k, {"vxg::KitString", "", k + ".p", "&" + k + ".p", "tocom()"}, "        ", code);
@@ -203,16 +210,13 @@ void proxyParam(const KitParam &p, const ComParam *c, bool dispatch, Code &code)
             code.arg(x);
             return;
         }
-        if (p.dir == Dir::Out)
-            code.pre += "    *" + x + " = 0;\n";
-        if (dispatch) {
-            code.arg(x); // vxl_com_dispcall writes through the caller's own pointer
+        if (!dispatch) {
+            copiedNumber(p, k, comScalar(*c, p.kind), "    ", code);
             return;
         }
-        code.pre += std::string("    ") + comScalar(*c, p.kind) + " " + k + " = " + (p.dir == Dir::Out ? "0" : "*" + x) +
-                    ";\n";
-        code.arg("&" + k);
-        code.post += "        *" + x + " = " + k + ";\n";
+        if (p.dir == Dir::Out)
+            code.pre += "    *" + x + " = 0;\n";
+        code.arg(x); // vxl_com_dispcall writes through the caller's own pointer
         return;
     case Kind::String:
         ownedParam(p, k, {"vxg::Bstr", "", k + ".p", "&" + k + ".p", "tokit()"}, "    ", code);

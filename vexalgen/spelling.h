@@ -91,27 +91,25 @@ inline std::string comType(const KitParam &p, const ComParam &c)
     return base;
 }
 
-inline std::string guidText(const GUID &g)
-{
-    char buffer[40];
-    snprintf(buffer, sizeof buffer, "%08lX-%04X-%04X-%02X%02X-%02X%02X%02X%02X%02X%02X",
-             static_cast<unsigned long>(g.Data1), g.Data2, g.Data3, g.Data4[0], g.Data4[1], g.Data4[2], g.Data4[3],
-             g.Data4[4], g.Data4[5], g.Data4[6], g.Data4[7]);
-    return buffer;
-}
-
-inline std::string guidLiteral(const GUID &g)
+// A GUID printed by a format that takes its eleven fields in order.
+inline std::string guidFormatted(const char *format, const GUID &g)
 {
     char buffer[120];
-    snprintf(buffer, sizeof buffer, "{0x%08lx, 0x%04x, 0x%04x, {0x%02x, 0x%02x, 0x%02x, 0x%02x, 0x%02x, 0x%02x, 0x%02x, 0x%02x}}",
-             static_cast<unsigned long>(g.Data1), g.Data2, g.Data3, g.Data4[0], g.Data4[1], g.Data4[2], g.Data4[3],
-             g.Data4[4], g.Data4[5], g.Data4[6], g.Data4[7]);
+    snprintf(buffer, sizeof buffer, format, static_cast<unsigned long>(g.Data1), g.Data2, g.Data3, g.Data4[0],
+             g.Data4[1], g.Data4[2], g.Data4[3], g.Data4[4], g.Data4[5], g.Data4[6], g.Data4[7]);
     return buffer;
 }
 
-inline bool isNull(const GUID &g)
+// As the registry writes it, without braces.
+inline std::string guidText(const GUID &g)
 {
-    return IsEqualGUID(g, GUID_NULL) != 0;
+    return guidFormatted("%08lX-%04X-%04X-%02X%02X-%02X%02X%02X%02X%02X%02X", g);
+}
+
+// As a C++ initializer.
+inline std::string guidLiteral(const GUID &g)
+{
+    return guidFormatted("{0x%08lx, 0x%04x, 0x%04x, {0x%02x, 0x%02x, 0x%02x, 0x%02x, 0x%02x, 0x%02x, 0x%02x, 0x%02x}}", g);
 }
 
 // head + items + tail on one line when it fits in 110 columns, else one item
